@@ -1,0 +1,45 @@
+# Two set-up commands for a fresh machine: `make demo` and `make test`.
+JOBS ?= 2
+GEN := $(shell command -v ninja >/dev/null 2>&1 && echo "-G Ninja")
+CMAKE_FLAGS ?=
+
+.PHONY: all build build-asan test test-release test-asan demo bench fuzz clean deps
+
+all: build
+
+deps:
+	@sh .ci/deps.sh
+
+build:
+	cmake -S . -B build/release $(GEN) -DCMAKE_BUILD_TYPE=Release -DKV_BUILD_TESTS=ON $(CMAKE_FLAGS)
+	cmake --build build/release -j $(JOBS)
+
+build-asan:
+	cmake -S . -B build/asan $(GEN) -DCMAKE_BUILD_TYPE=Debug -DKV_SANITIZE=ON -DKV_BUILD_TESTS=ON $(CMAKE_FLAGS)
+	cmake --build build/asan -j $(JOBS)
+
+test-release: build
+	cd build/release && ctest --output-on-failure -j $(JOBS)
+
+test-asan: build-asan
+	cd build/asan && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+	  ctest --output-on-failure -j $(JOBS)
+
+test: deps
+	$(MAKE) test-release
+	$(MAKE) test-asan
+	$(MAKE) fuzz
+
+fuzz:
+	@sh fuzz/run.sh
+
+demo: deps build
+	@sh tools/demo.sh build/release
+
+bench: deps
+	cmake -S . -B build/bench $(GEN) -DCMAKE_BUILD_TYPE=Release -DKV_BUILD_TESTS=OFF -DKV_BUILD_BENCH=ON $(CMAKE_FLAGS)
+	cmake --build build/bench -j $(JOBS)
+	@sh bench/run.sh build/bench
+
+clean:
+	rm -rf build

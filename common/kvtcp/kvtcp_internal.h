@@ -1,0 +1,73 @@
+// Transport internals shared between the kvtcp source files (and reachable by
+// the white-box tests through the static archive; none of this is exported).
+#ifndef KV_KVTCP_INTERNAL_H
+#define KV_KVTCP_INTERNAL_H
+
+#include <sys/types.h>
+
+#include "kvtcp.h"
+
+// Set while the first successful CheckForRecv should log the socket flags.
+extern int global_var;
+// The one event callback of the process (null: no event delivery).
+extern kvtcpEventHandler user_callback;
+
+// System-call seams, so tests can inject failures such as ENOBUFS.  They
+// point at send, recv and util_delay_ms unless a test replaces them.
+extern ssize_t (*kvtcp_sys_send)(int s, const void* buf, size_t len, int flags);
+extern ssize_t (*kvtcp_sys_recv)(int s, void* buf, size_t len, int flags);
+extern void (*kvtcp_sys_delay_ms)(ViUInt64 ms);
+
+// Socket connect with a one-second time-out (non-blocking connect + wait).
+int ConnectTmo(SOCKET s, struct sockaddr_in* addr);
+
+// Named per-connection mutexes and the (deliberately non-blocking) locks.
+void open_mutex_core(pKvTcpInfo intf, const char* addr);
+void open_mutex_intf(pKvTcpInfo intf, const char* addr);
+int WaitIntfLock(pKvTcpInfo intf);
+void ReleaseIntfLock(pKvTcpInfo intf);
+int WaitCoreLock(pKvTcpInfo intf);
+void ReleaseCoreLock(pKvTcpInfo intf);
+
+// Loss-of-connection rule of every VXI-11 core call, applied after the call:
+// two time-outs in a row become VI_ERROR_CONN_LOST (and a disconnect); the
+// status is recorded in LastError and CoreState is set to -1 on failure.
+// Returns the (possibly promoted) status.
+int kvtcp_RecordCoreFailure(pKvTcpInfo intf, int status);
+// Before a core call: drain a half-read reply left by an earlier failure.
+void kvtcp_PrepareCore(pKvTcpInfo intf);
+
+// Closes *s (if open) and sets it to 0, atomically with respect to the other
+// closers of the same field, so one descriptor is never closed twice.
+void kvtcp_CloseSocketField(SOCKET* s);
+// Closes *s only if it still refers to the socket object (dev, ino) that the
+// caller knows (a receive thread holds a dup of it, so the identity cannot
+// be reused meanwhile).  Returns 1 when it closed the field.
+int kvtcp_CloseSocketFieldIfSame(SOCKET* s, dev_t dev, ino_t ino);
+
+// Per-kind workers behind the public read/write/status/clear dispatchers.
+// The dispatchers have already checked the record and zeroed *retcount.
+int kvtcp_raw_Write(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int count, ViUInt16 flags, int* retcount);
+int kvtcp_raw_Read(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int count, ViUInt16 flags, char eos,
+                   int* retcount);
+int kvtcp_hislip_Write(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int count, ViUInt16 flags, int* retcount);
+int kvtcp_hislip_Read(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int count, ViUInt16 flags, char eos,
+                      int* retcount);
+int kvtcp_hislip_ReadSTB(pKvTcpInfo intf, ViUInt32 tmo, ViUInt16* stb);
+int kvtcp_hislip_Clear(pKvTcpInfo intf, ViUInt32 tmo);
+int kvtcp_vxi11_Write(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int count, ViUInt16 flags, int* retcount);
+int kvtcp_vxi11_Read(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int count, ViUInt16 flags, char eos,
+                     int* retcount);
+int kvtcp_vxi11_ReadSTB(pKvTcpInfo intf, ViUInt32 tmo, ViUInt16* stb);
+int kvtcp_vxi11_Clear(pKvTcpInfo intf, ViUInt32 tmo);
+
+// HiSLIP internals.
+int hislip_SendBuf(SOCKET s, sHiSPLIP_Header* hdr, int len, const void* data);
+int hislip_Query(SOCKET s, ViUInt32 tmo, sHiSPLIP_Header* outHdr, int len, const void* data,
+                 sHiSPLIP_Header* inHdr);
+void* hislipAsyncRecvThread(void* intf);
+
+// VXI-11 interrupt thread body.
+void* vxi11InterruptConn(void* X);
+
+#endif
