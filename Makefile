@@ -33,8 +33,10 @@ test: deps
 fuzz:
 	@sh fuzz/run.sh
 
-demo: deps build
-	@sh tools/demo.sh build/release
+demo: deps
+	cmake -S . -B build/release $(GEN) -DCMAKE_BUILD_TYPE=Release -DKV_BUILD_TESTS=ON $(CMAKE_FLAGS)
+	cmake --build build/release -j $(JOBS) --target tcpvxi tcpvxi-host tcpvxi-bridge-sim
+	@bash tools/demo.sh build/release
 
 bench: deps
 	cmake -S . -B build/bench $(GEN) -DCMAKE_BUILD_TYPE=Release -DKV_BUILD_TESTS=OFF -DKV_BUILD_BENCH=ON $(CMAKE_FLAGS)

@@ -1,11 +1,631 @@
-// HiSLIP connection kind (placeholder until implemented).
+// HiSLIP connection kind (TCP port 4880): connection set-up over the
+// synchronous and asynchronous channels, the receive thread of the
+// asynchronous channel with its ring of received headers, the bridge's
+// vendor-specific exchange, and the HiSLIP workers behind kvtcp_Write,
+// kvtcp_Read, kvtcp_ReadSTB and kvtcp_Clear.
+#include <arpa/inet.h>
+#include <errno.h>
+#include <netinet/tcp.h>
+#include <pthread.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include "kvlog.h"
 #include "kvtcp_internal.h"
+#include "visa-ipc.h"
 
-int kvtcp_hislip_Write(pKvTcpInfo, ViUInt32, char*, int, ViUInt16, int*) { return VI_ERROR_NSUP_OPER; }
-int kvtcp_hislip_Read(pKvTcpInfo, ViUInt32, char*, int, ViUInt16, char, int*) { return VI_ERROR_NSUP_OPER; }
-int kvtcp_hislip_ReadSTB(pKvTcpInfo, ViUInt32, ViUInt16*) { return VI_ERROR_NSUP_OPER; }
-int kvtcp_hislip_Clear(pKvTcpInfo, ViUInt32) { return VI_ERROR_NSUP_OPER; }
-int kvtcp_hislip_Connect(pKvTcpInfo, const char*, const char*) { return VI_ERROR_RSRC_NFOUND; }
-int kvtcp_kvhislip_Write(pKvTcpInfo, const char*, int, ViUInt16, int*) { return VI_ERROR_NSUP_OPER; }
-int kvtcp_kvhislip_Query(pKvTcpInfo, ViUInt32, const char*, int, char*, int, int*) { return VI_ERROR_NSUP_OPER; }
+namespace {
+
+constexpr uint32_t kFirstMessageId = 0xFFFFFF00u;
+constexpr uint32_t kDefaultMaxMessageSize = 0x7FFF0000u;
+constexpr int kFirstSendMax = 0x3FFF0;  // header and this much payload go out in one send
+constexpr ViUInt32 kConnectTmo = 2000;
+constexpr ViUInt32 kErrorTextTmo = 200;
+constexpr uint32_t kSlotTaken = 0xFFFFFFFFu;
+
+bool isConnected(pKvTcpInfo intf) { return __atomic_load_n(&intf->Connected, __ATOMIC_ACQUIRE) != 0; }
+
+// Message ids advance by 2 and wrap; computed unsigned so the wrap is defined.
+uint32_t nextMessageId(pKvTcpInfo intf) {
+  uint32_t id = (uint32_t)intf->hislipOutMesageID;
+  intf->hislipOutMesageID = (int)(id + 2);
+  return id;
+}
+
+// ---------------------------------------------------- the ring of slots
+//
+// The receive thread stores headers; callers take them.  A slot is free
+// while its type byte is 0.  The first 32-bit word of a slot (prologue, type,
+// control code) is only ever written or taken as a whole, atomically.
+
+volatile uint32_t* slotWord(pKvTcpInfo intf, int i) {
+  return reinterpret_cast<volatile uint32_t*>(&intf->hislipAsyncIn[i]);
+}
+
+unsigned char slotType(pKvTcpInfo intf, int i) {
+  return __atomic_load_n(&intf->hislipAsyncIn[i].msg, __ATOMIC_ACQUIRE);
+}
+
+unsigned char wordType(uint32_t w) {
+  unsigned char b[4];
+  memcpy(b, &w, 4);
+  return b[2];
+}
+
+void freeSlot(pKvTcpInfo intf, int i) { __atomic_store_n(&intf->hislipAsyncIn[i].msg, 0, __ATOMIC_RELEASE); }
+
+// Bytes 4-15 first, the word with the type last, so a poller never sees a
+// half-written header.  With all eight slots taken the message is dropped.
+void storeAsync(pKvTcpInfo intf, const sHiSPLIP_Header& h) {
+  for (int i = 0; i < KVTCP_ASYNC_SLOTS; i++) {
+    if (slotType(intf, i) != 0) continue;
+    volatile sHiSPLIP_Header* s = &intf->hislipAsyncIn[i];
+    s->param = h.param;
+    s->dataLenHigh = h.dataLenHigh;
+    s->dataLen = h.dataLen;
+    uint32_t w;
+    memcpy(&w, &h, 4);
+    __atomic_store_n(slotWord(intf, i), w, __ATOMIC_RELEASE);
+    return;
+  }
+}
+
+// Polls the ring for a header of the wanted type until tmo ms have passed.
+// Returns the slot index, its first word now holding 0xFFFFFFFF, or -1.
+int pollAsync(pKvTcpInfo intf, ViUInt32 tmo, unsigned char wanted) {
+  ViUInt64 start = util_timer_ms();
+  for (;;) {
+    ViUInt64 now = util_timer_ms();
+    ViUInt64 diff = now >= start ? now - start : start - now;
+    if (diff > tmo) return -1;
+    switch_thread();
+    for (int i = 0; i < KVTCP_ASYNC_SLOTS; i++) {
+      if (slotType(intf, i) == 0) continue;
+      uint32_t w = __atomic_exchange_n(slotWord(intf, i), kSlotTaken, __ATOMIC_ACQ_REL);
+      // Another caller holds this slot right now and will put its word back.
+      if (w == kSlotTaken) continue;
+      if (wordType(w) == wanted) return i;
+      __atomic_store_n(slotWord(intf, i), w, __ATOMIC_RELEASE);
+    }
+  }
+}
+
+// Control code of a taken slot, read from the slot after the exchange (so
+// always 0xFF, sign-extended): that is the value handed back, as designed.
+ViUInt16 takenCode(pKvTcpInfo intf, int i) {
+  return (ViUInt16)(ViInt16)__atomic_load_n(&intf->hislipAsyncIn[i].code, __ATOMIC_ACQUIRE);
+}
+
+// ------------------------------------------------------ receive thread
+
+struct AsyncStart {
+  pKvTcpInfo intf;
+  int fd;  // the thread's own duplicate of S_Intr
+  dev_t dev;
+  ino_t ino;
+};
+
+// Takes a duplicate of the record's asynchronous channel and its identity.
+bool takeChannel(pKvTcpInfo intf, AsyncStart* st) {
+  st->intf = intf;
+  st->fd = -1;
+  int s = __atomic_load_n(&intf->S_Intr, __ATOMIC_ACQUIRE);
+  if (s <= 0) return false;
+  int fd = dup(s);
+  if (fd < 0) return false;
+  struct stat sb;
+  if (fstat(fd, &sb) != 0) {
+    close(fd);
+    return false;
+  }
+  st->fd = fd;
+  st->dev = sb.st_dev;
+  st->ino = sb.st_ino;
+  return true;
+}
+
+// True while the record's S_Intr still is the channel this thread serves.
+bool sameChannel(const AsyncStart& st) {
+  int s = __atomic_load_n(&st.intf->S_Intr, __ATOMIC_ACQUIRE);
+  struct stat sb;
+  return s > 0 && fstat(s, &sb) == 0 && sb.st_dev == st.dev && sb.st_ino == st.ino;
+}
+
+// Exactly n bytes: n, 0 when the channel closed first, -1 on an error.
+ssize_t recvAll(int fd, void* buf, size_t n) {
+  size_t got = 0;
+  while (got < n) {
+    ssize_t r = recv(fd, (char*)buf + got, n - got, MSG_WAITALL);
+    if (r < 0) {
+      if (errno == EINTR) continue;
+      return -1;
+    }
+    if (r == 0) return 0;
+    got += (size_t)r;
+  }
+  return (ssize_t)got;
+}
+
+void asyncLoop(const AsyncStart& st) {
+  pKvTcpInfo intf = st.intf;
+  for (;;) {
+    // Leave once the record is down or has moved on to another channel.
+    if (!isConnected(intf) || !sameChannel(st)) break;
+    sHiSPLIP_Header h;
+    ssize_t r = recvAll(st.fd, &h, sizeof h);
+    if (!isConnected(intf)) break;
+    if (r < 0) {
+      KVTCP_LOG("error recv AsyncChan");
+      break;
+    }
+    if (r == 0) break;  // closed: an empty read would only repeat for ever
+    if (h.Prologue[0] != 'H' || h.Prologue[1] != 'S' || h.dataLenHigh != 0) break;
+    uint32_t len = myntohl(h.dataLen);
+    h.dataLen = len;
+
+    switch (h.msg) {
+      case HISLIP_AsyncInterrupted:
+        if (len) goto leave;
+        continue;
+      case HISLIP_AsyncMaximumMessageSizeResponse: {
+        if (len != 8) goto leave;
+        uint32_t v[2];
+        r = recvAll(st.fd, v, sizeof v);
+        if (!isConnected(intf)) goto leave;
+        if (r != (ssize_t)sizeof v) {
+          KVTCP_LOG("error recv AsyncChan");
+          goto leave;
+        }
+        intf->hislipMaximumMessageSize = v[0] == 0 ? myntohl(v[1]) : kDefaultMaxMessageSize;
+        continue;
+      }
+      case HISLIP_AsyncServiceRequest: {
+        kvtcpEventHandler cb = user_callback;
+        if (cb) {
+          intf->hislipAsyncInMsg = HISLIP_AsyncServiceRequest;
+          cb(intf);
+        }
+        sHiSPLIP_Header q;
+        memset(&q, 0, sizeof q);
+        q.msg = HISLIP_AsyncStatusQuery;
+        if (hislip_SendBuf(st.fd, &q, 0, nullptr) < 0) {
+          KVTCP_LOG("error send AsyncStatusQuery");
+          goto leave;
+        }
+        // Its answer is swallowed below.
+        __atomic_add_fetch(&intf->hislipWaitAsyncStatus, 1, __ATOMIC_ACQ_REL);
+        continue;
+      }
+      case HISLIP_AsyncStatusResponse:
+        if (__atomic_load_n(&intf->hislipWaitAsyncStatus, __ATOMIC_ACQUIRE)) {
+          __atomic_sub_fetch(&intf->hislipWaitAsyncStatus, 1, __ATOMIC_ACQ_REL);
+          continue;
+        }
+        break;
+      case HISLIP_AsyncDeviceClearAcknowledge:
+      case HISLIP_AsyncLockInfoResponse:
+        break;
+      case HISLIP_VendorSpecific: {
+        if (len > KVTCP_ASYNC_DATA) goto leave;  // never past hislipAsyncCmdData
+        if (len) {
+          r = recvAll(st.fd, intf->hislipAsyncCmdData, len);
+          if (!isConnected(intf)) goto leave;
+          if (r < 0) {
+            KVTCP_LOG("error recv AsyncChan");
+            goto leave;
+          }
+          if (r == 0) goto leave;
+        }
+        kvtcpEventHandler cb = user_callback;
+        if (cb) {
+          intf->hislipAsyncInMsg = HISLIP_VendorSpecific;
+          cb(intf);
+        }
+        continue;
+      }
+      default:
+        continue;  // not for us; a payload, if any, is not read
+    }
+    // Stored answers carry no payload.
+    if (len) break;
+    storeAsync(intf, h);
+  }
+leave:
+  // Close the record's field only while it is still our socket (we hold a
+  // duplicate, so its identity cannot have been reused), then our duplicate.
+  if (kvtcp_CloseSocketFieldIfSame(&intf->S_Intr, st.dev, st.ino)) KVTCP_LOG("close intr socket");
+  close(st.fd);
+}
+
+void* asyncThreadStart(void* p) {
+  AsyncStart st = *(AsyncStart*)p;
+  free(p);
+  asyncLoop(st);
+  return nullptr;
+}
+
+// Sends msg with an empty payload on the asynchronous channel.
+int sendAsync(pKvTcpInfo intf, unsigned char msg, uint32_t param) {
+  SOCKET s = __atomic_load_n(&intf->S_Intr, __ATOMIC_ACQUIRE);
+  // The receive thread closes the channel when it leaves; fd 0 is never ours.
+  if (s <= 0) return VI_ERROR_CONN_LOST;
+  sHiSPLIP_Header h;
+  memset(&h, 0, sizeof h);
+  h.msg = msg;
+  h.param = param;
+  return hislip_Query(s, 0, &h, 0, nullptr, nullptr);
+}
+
+}  // namespace
+
+// ------------------------------------------------------------- messages
+
+// Vendor-specific payloads are rounded up to 32 bits; the up to three extra
+// bytes come from behind the caller's payload, which must have that slack.
+int hislip_SendBuf(SOCKET s, sHiSPLIP_Header* hdr, int len, const void* data) {
+  hdr->Prologue[0] = 'H';
+  hdr->Prologue[1] = 'S';
+  hdr->dataLenHigh = 0;
+  // A header must never announce bytes that are not sent.
+  if (len < 0 || !data) len = 0;
+  if (hdr->msg == HISLIP_VendorSpecific) len = (int)(((unsigned)len + 3u) & ~3u);
+  hdr->dataLen = myhtonl((uint32_t)len);
+  int n = 0;
+  if (len == 0) return sendAll(s, (const char*)hdr, sizeof *hdr, &n);
+
+  int first = len < kFirstSendMax ? len : kFirstSendMax;
+  char* joined = (char*)malloc(sizeof *hdr + (size_t)first);
+  if (!joined) return VI_ERROR_ALLOC;
+  memcpy(joined, hdr, sizeof *hdr);
+  memcpy(joined + sizeof *hdr, data, (size_t)first);
+  int st = sendAll(s, joined, (int)sizeof *hdr + first, &n);
+  if (st < 0)
+    KVTCP_LOG("send s%X error %X wsa %d\n", s, (unsigned)st, errno);
+  else if (len > first)
+    st = sendAll(s, (const char*)data + first, len - first, &n);
+  free(joined);
+  return st;
+}
+
+int hislip_Query(SOCKET s, ViUInt32 tmo, sHiSPLIP_Header* outHdr, int len, const void* data,
+                 sHiSPLIP_Header* inHdr) {
+  if (outHdr) {
+    int st = hislip_SendBuf(s, outHdr, len, data);
+    if (st < 0) return st;
+  }
+  if (!inHdr) return VI_SUCCESS;
+
+  int n = 0;
+  int st = recvMin(s, tmo, (char*)inHdr, sizeof *inHdr, sizeof *inHdr, &n);
+  if (st < 0) {
+    KVTCP_LOG("recv s%X error %X wsa %d\n", s, (unsigned)st, errno);
+    return st;
+  }
+  if (n != (int)sizeof *inHdr || inHdr->Prologue[0] != 'H' || inHdr->Prologue[1] != 'S' ||
+      inHdr->dataLenHigh != 0) {
+    uint32_t w[3];
+    memcpy(w, inHdr, sizeof w);
+    KVTCP_LOG("Wrong Header, get %08X%08X%08X\n", myntohl(w[0]), myntohl(w[1]), myntohl(w[2]));
+    return VI_ERROR_CONN_LOST;
+  }
+  inHdr->dataLen = myntohl(inHdr->dataLen);
+  if (inHdr->msg != HISLIP_FatalError && inHdr->msg != HISLIP_Error) return VI_SUCCESS;
+
+  uint32_t elen = inHdr->dataLen;
+  if (elen > 255) {
+    KVTCP_LOG("Wrong errLen, get Error %d/%d, msg len %d\n", inHdr->msg, inHdr->code, (int)elen);
+    return VI_ERROR_CONN_LOST;
+  }
+  char text[256];
+  n = 0;
+  // Only the text itself is read, never bytes of the message behind it.
+  st = recvMin(s, kErrorTextTmo, text, (int)elen, (int)elen, &n);
+  if (st >= 0 && elen > 0 && elen < 28) {
+    // The text is read as a reply of at least 28 bytes, so a shorter one
+    // ends in that read's time-out.  Wait it out without taking more bytes.
+    util_delay_ms(kErrorTextTmo);
+    st = VI_ERROR_TMO;
+  }
+  if (st < 0) {
+    KVTCP_LOG("recv s%X error %X wsa %d\n", s, (unsigned)st, errno);
+    return st;
+  }
+  text[n] = 0;
+  KVTCP_LOG("get Error %d/%d, %s\n", inHdr->msg, inHdr->code, text);
+  return inHdr->msg == HISLIP_Error ? VI_ERROR_IO : VI_ERROR_CONN_LOST;
+}
+
+// ------------------------------------------------------------ connect
+
+// Thread body for a record whose S_Intr is open: takes its own duplicate of
+// the channel first.  kvtcp_hislip_Connect takes the duplicate itself before
+// the thread starts, so a quick disconnect and reconnect cannot hand a late
+// thread the next connection's channel.
+void* hislipAsyncRecvThread(void* intf) {
+  AsyncStart st;
+  if (!takeChannel((pKvTcpInfo)intf, &st)) return nullptr;
+  asyncLoop(st);
+  return nullptr;
+}
+
+int kvtcp_hislip_Connect(pKvTcpInfo intf, const char* TcpipAddr, const char* subaddr) {
+  if (!intf) return VI_ERROR_RSRC_NFOUND;
+  if (intf->Connected) return VI_SUCCESS;
+  if (!TcpipAddr) TcpipAddr = "";
+
+  intf->lid = KVTCP_NO_LINK;
+  snprintf(intf->TcpipAddr, sizeof intf->TcpipAddr, "%s", TcpipAddr);
+  intf->port = HISLIP_PORT;
+  intf->tcpType = KVTCP_HISLIP;
+  intf->InstName[0] = 0;
+  intf->hislipSessionID = 0;
+  intf->hislipModeOverlap = 1;
+  intf->hislipOutMesageID = (int)kFirstMessageId;
+  intf->hislipMaximumMessageSize = kDefaultMaxMessageSize;
+  intf->hislipWaitAsyncStatus = 0;
+  // A new session has no message in progress and no answers waiting.
+  memset(&intf->hislipInHdr, 0, sizeof intf->hislipInHdr);
+  for (int i = 0; i < KVTCP_ASYNC_SLOTS; i++) __atomic_store_n(slotWord(intf, i), 0u, __ATOMIC_RELEASE);
+  KVTCP_LOG("%s:HISLIP", intf->TcpipAddr);
+
+  if (!intf->hIntfMutex) open_mutex_intf(intf, TcpipAddr);
+  bool locked = WaitIntfLock(intf) == VI_SUCCESS;
+  if (locked && intf->Connected) {
+    ReleaseIntfLock(intf);
+    return VI_SUCCESS;
+  }
+
+  auto setUp = [&]() -> bool {
+    if (!locked) return false;
+    memset(&intf->Addr, 0, sizeof intf->Addr);
+    intf->Addr.sin_family = AF_INET;
+    intf->Addr.sin_addr.s_addr = inet_addr(TcpipAddr);
+    intf->Addr.sin_port = myhtons(HISLIP_PORT);
+    // Dotted addresses only; never the broadcast address inet_addr gives a name.
+    if (intf->Addr.sin_addr.s_addr == INADDR_NONE) return false;
+    intf->S_Core = socket(AF_INET, SOCK_STREAM, 0);
+    if (intf->S_Core == 0xFFFF) intf->S_Core = 0;  // the designed test; -1 fails in the connect
+    intf->S_Intr = socket(AF_INET, SOCK_STREAM, 0);
+    if (intf->S_Intr == 0xFFFF) intf->S_Intr = 0;
+    if (intf->S_Core == 0 || intf->S_Intr == 0) return false;
+    if (ConnectTmo(intf->S_Core, &intf->Addr) < 0) return false;
+    if (ConnectTmo(intf->S_Intr, &intf->Addr) < 0) return false;
+
+    char off = 0, on = 1;
+    intf->SocketKeepAlive = 0;
+    (void)setsockopt(intf->S_Core, SOL_SOCKET, SO_KEEPALIVE, &off, 1);
+    (void)setsockopt(intf->S_Intr, SOL_SOCKET, SO_KEEPALIVE, &off, 1);
+    intf->SocketNoDelay = 1;
+    (void)setsockopt(intf->S_Intr, IPPROTO_TCP, TCP_NODELAY, &on, 1);
+
+    sHiSPLIP_Header h, r;
+    memset(&h, 0, sizeof h);
+    memset(&r, 0, sizeof r);
+    h.msg = HISLIP_Initialize;
+    static const unsigned char kInitParam[4] = {0x01, 0x00, 0x0E, 0x76};  // version 1.0, vendor id
+    memcpy(&h.param, kInitParam, 4);
+    int sublen = subaddr ? (int)strlen(subaddr) : 0;
+    if (hislip_Query(intf->S_Core, kConnectTmo, &h, sublen, subaddr, &r) < 0) return false;
+    if (r.msg != HISLIP_InitializeResponse) {
+      KVTCP_LOG("Wait InitializeResponse, get unexpected %d\n", r.msg);
+      return false;
+    }
+    intf->hislipSessionID = r.params16[1];  // kept in wire order, echoed as received
+    intf->hislipModeOverlap = r.code & 1;
+    KVTCP_LOG("connected HISLIP Syn Channel");
+
+    memset(&h, 0, sizeof h);
+    memset(&r, 0, sizeof r);
+    h.msg = HISLIP_AsyncInitialize;
+    h.params16[1] = intf->hislipSessionID;
+    if (hislip_Query(intf->S_Intr, kConnectTmo, &h, 0, nullptr, &r) < 0) return false;
+    if (r.msg != HISLIP_AsyncInitializeResponse) {
+      KVTCP_LOG("Wait hislipAsyncInitializeResponse, get unexpected %d\n", r.msg);
+      return false;
+    }
+    KVTCP_LOG("connected HISLIP ASync Channel");
+
+    AsyncStart* st = (AsyncStart*)malloc(sizeof(AsyncStart));
+    if (!st) return false;
+    if (!takeChannel(intf, st)) {
+      free(st);
+      return false;
+    }
+    // Connected before the thread runs: it leaves at once on a record that
+    // is not connected.
+    __atomic_store_n(&intf->Connected, 1, __ATOMIC_RELEASE);
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);  // never joined
+    pthread_t tid;
+    int rc = pthread_create(&tid, &attr, asyncThreadStart, st);
+    pthread_attr_destroy(&attr);
+    if (rc != 0) {
+      intf->Connected = 0;
+      close(st->fd);
+      free(st);
+      return false;
+    }
+    intf->hIntrThread = tid;
+    return true;
+  };
+
+  if (!setUp()) {
+    ReleaseIntfLock(intf);
+    KVTCP_LOG("ErroR Connect TCP Interface");
+    if (intf->S_Core < 0) intf->S_Core = 0;  // a failed socket() left -1
+    if (intf->S_Intr < 0) intf->S_Intr = 0;
+    kvtcp_Disconnect(intf);
+    return VI_ERROR_RSRC_NFOUND;
+  }
+  KVTCP_LOG("connected HISLIP");
+  ReleaseIntfLock(intf);
+  return VI_SUCCESS;
+}
+
+// ----------------------------------------------------- bridge exchange
+
+int kvtcp_kvhislip_Write(pKvTcpInfo intf, const char* buf, int count, ViUInt16 flags, int* retcount) {
+  int dummy;
+  if (!retcount) retcount = &dummy;
+  *retcount = 0;
+  if (!intf || !intf->Connected || !intf->S_Core) return VI_ERROR_CONN_LOST;
+  if (intf->tcpType != KVTCP_HISLIP) return VI_ERROR_NSUP_OPER;
+  sHiSPLIP_Header h;
+  memset(&h, 0, sizeof h);  // the parameter of a vendor-specific message is sent as 0
+  h.msg = HISLIP_VendorSpecific;
+  if (!(flags & KVTCP_FLAG_LOCKED)) {
+    int st = WaitIntfLock(intf);
+    if (st < 0) return st;
+  }
+  int st = hislip_SendBuf(intf->S_Core, &h, count, buf);
+  if (st < 0 || !(flags & KVTCP_FLAG_KEEP)) ReleaseIntfLock(intf);
+  if (st >= 0) *retcount = count;
+  return st;
+}
+
+int kvtcp_kvhislip_Query(pKvTcpInfo intf, ViUInt32 timeout, const char* outbuf, int outcount, char* inbuf,
+                         int incount, int* retcount) {
+  int dummy;
+  if (!retcount) retcount = &dummy;
+  if (!intf || !intf->Connected || !intf->S_Core) return VI_ERROR_CONN_LOST;
+  *retcount = 0;
+  int written = 0;
+  int st = kvtcp_kvhislip_Write(intf, outbuf, outcount, KVTCP_FLAG_KEEP, &written);
+  if (st >= 0) st = kvtcp_Read(intf, timeout, inbuf, incount, KVTCP_FLAG_LOCKED, 0, retcount);
+  return st;
+}
+
+// ------------------------------------------------------------- workers
+
+int kvtcp_hislip_Write(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int count, ViUInt16 flags, int* retcount) {
+  (void)timeout;
+  sHiSPLIP_Header h;
+  memset(&h, 0, sizeof h);
+  h.msg = (flags & (KVTCP_FLAG_EOS | KVTCP_FLAG_END)) ? HISLIP_DataEnd : HISLIP_Data;
+  h.param = myhtonl(nextMessageId(intf));
+  if (!(flags & KVTCP_FLAG_LOCKED)) {
+    int st = WaitIntfLock(intf);
+    if (st < 0) return st;
+  }
+  // One message however long: the server's maximum message size is not applied.
+  int st = hislip_SendBuf(intf->S_Core, &h, count, buf);
+  if (st < 0 || !(flags & KVTCP_FLAG_KEEP)) ReleaseIntfLock(intf);
+  if (st >= 0) *retcount = count < 0 ? 0 : count;
+  return st;
+}
+
+// One message may be read over several calls: hislipInHdr keeps the header
+// of the message in progress (type 0: none), its dataLen what is still unread.
+int kvtcp_hislip_Read(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int count, ViUInt16 flags, char eos,
+                      int* retcount) {
+  if (!buf || count < 0) count = 0;
+  sHiSPLIP_Header* in = &intf->hislipInHdr;
+  if (in->msg == 0) {
+    if (!(flags & KVTCP_FLAG_LOCKED)) {
+      int st = WaitIntfLock(intf);
+      if (st < 0) return st;
+    }
+    int st = hislip_Query(intf->S_Core, timeout, nullptr, 0, nullptr, in);
+    if (st < 0) {
+      in->msg = 0;
+      ReleaseIntfLock(intf);
+      return st;
+    }
+    if (in->msg != HISLIP_Data && in->msg != HISLIP_DataEnd && in->msg != HISLIP_VendorSpecific) {
+      KVTCP_LOG("Wait Data/DataEnd, get unexpected %d\n", in->msg);
+      in->msg = 0;
+      ReleaseIntfLock(intf);
+      return VI_ERROR_CONN_LOST;
+    }
+  }
+  intf->hislipInMesageID = (int)myntohl(in->param);
+
+  uint32_t remaining = in->dataLen;
+  int n = 0;
+  int st;
+  bool lastValid = false;
+  char last = 0;
+  if (remaining >= (uint32_t)count) {
+    st = recvMin(intf->S_Core, timeout, buf, count, count, &n);
+    if (n > 0) {
+      lastValid = true;
+      last = buf[n - 1];
+    }
+    uint32_t pad = remaining - (uint32_t)count;
+    if (st >= 0 && in->msg == HISLIP_VendorSpecific && pad >= 1 && pad <= 3) {
+      // The sender's padding to 32 bits.  As designed, this read's count
+      // replaces the one above: the call reports (and consumes) the padding.
+      char scratch[4];
+      st = recvMin(intf->S_Core, timeout, scratch, (int)pad, (int)pad, &n);
+      lastValid = n > 0;
+      if (lastValid) last = scratch[n - 1];
+    }
+  } else {
+    st = recvMin(intf->S_Core, timeout, buf, (int)remaining, (int)remaining, &n);
+    if (n > 0) {
+      lastValid = true;
+      last = buf[n - 1];
+    }
+  }
+  *retcount = n;
+  if (st < 0) {
+    in->msg = 0;
+    ReleaseIntfLock(intf);
+    KVTCP_LOG("recv s%X error %X wsa %d\n", intf->S_Core, (unsigned)st, errno);
+    return st;
+  }
+
+  int result = 0;
+  in->dataLen = remaining - (uint32_t)n;
+  if (in->dataLen == 0) {
+    if (in->msg == HISLIP_DataEnd)
+      result = 2;
+    else if ((flags & KVTCP_FLAG_EOS) && lastValid && last == eos)
+      result = 1;
+    in->msg = 0;
+  }
+  if (!(flags & KVTCP_FLAG_KEEP)) ReleaseIntfLock(intf);
+  return result;
+}
+
+int kvtcp_hislip_ReadSTB(pKvTcpInfo intf, ViUInt32 tmo, ViUInt16* stb) {
+  int st = sendAsync(intf, HISLIP_AsyncStatusQuery, myhtonl(nextMessageId(intf)));
+  if (st < 0) return st;
+  int i = pollAsync(intf, tmo, HISLIP_AsyncStatusResponse);
+  if (i < 0) return VI_ERROR_TMO;
+  ViUInt16 v = takenCode(intf, i);
+  if (stb) *stb = v;
+  freeSlot(intf, i);
+  return VI_SUCCESS;
+}
+
+int kvtcp_hislip_Clear(pKvTcpInfo intf, ViUInt32 tmo) {
+  int st = sendAsync(intf, HISLIP_AsyncDeviceClear, 0);
+  if (st < 0) return st;
+  int i = pollAsync(intf, tmo, HISLIP_AsyncDeviceClearAcknowledge);
+  if (i < 0) return VI_ERROR_TMO;
+  signed char feature = (signed char)takenCode(intf, i);
+  // Every answer still waiting belongs to the time before the clear.
+  for (int k = 0; k < KVTCP_ASYNC_SLOTS; k++) freeSlot(intf, k);
+
+  sHiSPLIP_Header h, r;
+  memset(&h, 0, sizeof h);
+  memset(&r, 0, sizeof r);
+  h.msg = HISLIP_DeviceClearComplete;
+  h.code = feature;
+  st = WaitIntfLock(intf);
+  if (st < 0) return st;
+  st = hislip_Query(intf->S_Core, tmo, &h, 0, nullptr, &r);
+  ReleaseIntfLock(intf);
+  if (st < 0) return st;
+  if (r.msg != HISLIP_DeviceClearAcknowledge) return VI_ERROR_CONN_LOST;
+  intf->hislipOutMesageID = (int)kFirstMessageId;
+  // A message that was being read when the clear came is abandoned.
+  intf->hislipInHdr.msg = 0;
+  return VI_SUCCESS;
+}

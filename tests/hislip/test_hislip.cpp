@@ -1,0 +1,386 @@
+// HiSLIP client against a scripted server on 127.0.0.1:4880 (each case runs
+// in its own network namespace).
+#include <atomic>
+#include <cstring>
+#include <mutex>
+#include <vector>
+
+#include "common.h"
+#include "peer.h"
+
+using hs::Msg;
+using hs::Peer;
+
+namespace {
+
+const char kAddr[] = "127.0.0.1";
+
+unsigned char slotType(KvTcpInfo* r, int i) { return __atomic_load_n(&r->hislipAsyncIn[i].msg, __ATOMIC_ACQUIRE); }
+
+std::vector<uint8_t> slotBytes(KvTcpInfo* r, int i) {
+  std::vector<uint8_t> v(16);
+  for (int k = 0; k < 16; k++) v[k] = ((volatile uint8_t*)&r->hislipAsyncIn[i])[k];
+  return v;
+}
+
+}  // namespace
+
+TEST(HislipConnect, HandshakeFillsRecordAndSecondConnectSendsNothing) {
+  Peer peer;
+  peer.run([](Peer& p) {
+    // The next message after the no-op second connect is the vendor write.
+    Msg m = hs::readMsg(p.sync);
+    EXPECT_EQ(128, m.type);
+    EXPECT_EQ(0u, m.param);
+    EXPECT_EQ(8u, m.len);  // five bytes, rounded up to 32 bits
+    EXPECT_EQ("ping!", m.data.substr(0, 5));
+  });
+  KvTcpInfo* r = hs::newRecord();
+  ASSERT_EQ(VI_SUCCESS, kvtcp_hislip_Connect(r, kAddr, "inst0"));
+  EXPECT_EQ(1, r->Connected);
+  EXPECT_EQ(KVTCP_HISLIP, r->tcpType);
+  EXPECT_EQ(4880, r->port);
+  EXPECT_EQ(KVTCP_NO_LINK, r->lid);
+  EXPECT_STREQ("", r->InstName);
+  EXPECT_STREQ("_kv127_0_0_1Mutex_Intf", r->intfMutexName);
+  EXPECT_EQ(1, r->hislipModeOverlap);
+  EXPECT_EQ((int)0xFFFFFF00u, r->hislipOutMesageID);
+  EXPECT_EQ(0x7FFF0000u, r->hislipMaximumMessageSize);
+  uint8_t sid[2];
+  memcpy(sid, &r->hislipSessionID, 2);
+  EXPECT_EQ(0x12, sid[0]);  // kept in wire order
+  EXPECT_EQ(0x34, sid[1]);
+
+  ASSERT_EQ(VI_SUCCESS, kvtcp_hislip_Connect(r, kAddr, "inst0"));
+  EXPECT_FALSE(peer.pending());
+  char cmd[8] = "ping!..";  // three bytes of slack behind the five sent
+  int n = -1;
+  EXPECT_EQ(VI_SUCCESS, kvtcp_kvhislip_Write(r, cmd, 5, 0, &n));
+  EXPECT_EQ(5, n);
+  kvtcp_Close(r);
+  peer.join();
+
+  EXPECT_EQ(0, peer.init.type);
+  EXPECT_EQ(0, memcmp(peer.init.paramBytes, "\x01\x00\x0E\x76", 4));
+  EXPECT_EQ("inst0", peer.init.data);
+  EXPECT_EQ(17, peer.asyncInit.type);
+  EXPECT_EQ(0, memcmp(peer.asyncInit.paramBytes, "\x00\x00\x12\x34", 4));
+}
+
+TEST(HislipConnect, FailuresLeaveTheRecordDisconnected) {
+  auto expectDown = [](KvTcpInfo* r) {
+    EXPECT_EQ(0, r->Connected);
+    EXPECT_EQ(0, r->S_Core);
+    EXPECT_EQ(0, r->S_Intr);
+  };
+  {
+    // An Error answer with a short text: the text read runs into its
+    // time-out, and the connect fails.
+    hs::LogCapture log;
+    Peer peer;
+    hs::Handshake h;
+    h.initType = 3;
+    h.initText = "no session";
+    peer.run([](Peer&) {}, h);
+    KvTcpInfo* r = hs::newRecord();
+    EXPECT_EQ(VI_ERROR_RSRC_NFOUND, kvtcp_hislip_Connect(r, kAddr, "inst0"));
+    expectDown(r);
+    EXPECT_TRUE(hs::logged("ErroR Connect TCP Interface"));
+    EXPECT_FALSE(hs::logged("get Error"));
+  }
+  {
+    Peer peer;
+    hs::Handshake h;
+    h.asyncType = 22;
+    peer.run([](Peer&) {}, h);
+    KvTcpInfo* r = hs::newRecord();
+    EXPECT_EQ(VI_ERROR_RSRC_NFOUND, kvtcp_hislip_Connect(r, kAddr, nullptr));
+    expectDown(r);
+  }
+  KvTcpInfo* r = hs::newRecord();
+  EXPECT_EQ(VI_ERROR_RSRC_NFOUND, kvtcp_hislip_Connect(r, kAddr, "inst0"));  // nobody listens
+  expectDown(r);
+  EXPECT_EQ(VI_ERROR_RSRC_NFOUND, kvtcp_hislip_Connect(r, "localhost", "inst0"));  // names are not resolved
+  expectDown(r);
+}
+
+TEST(HislipConnect, ReconnectSurvivesTheOldReceiveThread) {
+  Peer peer;
+  KvTcpInfo* r = hs::newRecord();
+  int base = hs::openFds();
+  peer.run([](Peer&) {});
+  ASSERT_EQ(VI_SUCCESS, kvtcp_hislip_Connect(r, kAddr, "inst0"));
+  kvtcp_Disconnect(r);
+  peer.join();
+
+  peer.run([](Peer& p) {
+    Msg q = hs::readMsg(p.async);
+    EXPECT_EQ(21, q.type);
+    hs::sendMsg(p.async, 22, 0x10, q.param);
+  });
+  ASSERT_EQ(VI_SUCCESS, kvtcp_hislip_Connect(r, kAddr, "inst0"));
+  // The old thread has closed its duplicate: core, async, the new thread's
+  // duplicate and the peer's two ends are all that is left open.
+  EXPECT_TRUE(hs::eventually([&] { return hs::openFds() == base + 5; })) << hs::openFds() - base;
+  EXPECT_NE(0, r->S_Intr);
+  ViUInt16 stb = 0;
+  EXPECT_EQ(VI_SUCCESS, kvtcp_ReadSTB(r, 2000, &stb));
+  EXPECT_EQ(0xFFFF, stb);
+  kvtcp_Close(r);
+  peer.join();
+  EXPECT_TRUE(hs::eventually([&] { return hs::openFds() == base; }));
+}
+
+TEST(HislipRead, MessageOverSeveralCallsEndAndTermination) {
+  Peer peer;
+  peer.run([](Peer& p) {
+    hs::sendMsg(p.sync, 6, 0, 0x10, "ABCDEFGHIJKLMNOPQRSTUVWXY");
+    hs::sendMsg(p.sync, 7, 0, 0x12, "abc");
+    hs::sendMsg(p.sync, 6, 0, 0x14, "xy\n");
+    hs::sendMsg(p.sync, 6, 0, 0x16, "xyz");
+    hs::sendMsg(p.sync, 7, 0, 0x18, "");
+  });
+  KvTcpInfo* r = hs::newRecord();
+  ASSERT_EQ(VI_SUCCESS, kvtcp_hislip_Connect(r, kAddr, "inst0"));
+  char buf[32] = {};
+  int n = -1;
+  std::string got;
+  for (int want : {10, 10, 5}) {
+    EXPECT_EQ(0, kvtcp_Read(r, 2000, buf, 10, 0, 0, &n));
+    EXPECT_EQ(want, n);
+    got.append(buf, n);
+    EXPECT_EQ(0x10, r->hislipInMesageID);
+  }
+  EXPECT_EQ("ABCDEFGHIJKLMNOPQRSTUVWXY", got);
+  EXPECT_EQ(0, r->hislipInHdr.msg);
+  EXPECT_EQ(2, kvtcp_Read(r, 2000, buf, 10, 0, 0, &n));
+  EXPECT_EQ(3, n);
+  EXPECT_EQ(1, kvtcp_Read(r, 2000, buf, 10, KVTCP_FLAG_EOS, '\n', &n));
+  EXPECT_EQ(3, n);
+  EXPECT_EQ(0, kvtcp_Read(r, 2000, buf, 10, KVTCP_FLAG_EOS, '\n', &n));
+  EXPECT_EQ(3, n);
+  EXPECT_EQ(2, kvtcp_Read(r, 2000, buf, 10, 0, 0, &n));  // empty DataEnd
+  EXPECT_EQ(0, n);
+  kvtcp_Close(r);
+}
+
+TEST(HislipRead, BridgeExchangeAndVendorPadding) {
+  Peer peer;
+  peer.run([](Peer& p) {
+    for (const char* answer : {"1234\0\0\0\0", "ABCDEFGH"}) {
+      Msg m = hs::readMsg(p.sync);
+      EXPECT_EQ(128, m.type);
+      EXPECT_EQ(8u, m.len);
+      hs::sendMsg(p.sync, 128, 0, 0, std::string(answer, 8));
+    }
+  });
+  KvTcpInfo* r = hs::newRecord();
+  ASSERT_EQ(VI_SUCCESS, kvtcp_hislip_Connect(r, kAddr, "inst0"));
+  char cmd[16] = "cmd01";
+  char in[16] = {};
+  int n = -1;
+  EXPECT_EQ(0, kvtcp_kvhislip_Query(r, 2000, cmd, 5, in, 8, &n));
+  EXPECT_EQ(8, n);
+  EXPECT_EQ(0, memcmp(in, "1234", 4));
+  // Five of eight bytes asked for: the call takes the three padding bytes
+  // too and reports (and consumes) those, as designed.
+  EXPECT_EQ(0, kvtcp_kvhislip_Query(r, 2000, cmd, 5, in, 5, &n));
+  EXPECT_EQ(3, n);
+  EXPECT_EQ(0, memcmp(in, "ABCDE", 5));
+  EXPECT_EQ(128, r->hislipInHdr.msg);
+  EXPECT_EQ(5u, r->hislipInHdr.dataLen);
+  kvtcp_Close(r);
+}
+
+namespace {
+std::mutex gSendMutex;
+std::vector<size_t> gSends;
+ssize_t recordingSend(int s, const void* b, size_t n, int f) {
+  {
+    std::lock_guard<std::mutex> g(gSendMutex);
+    gSends.push_back(n);
+  }
+  return send(s, b, n, f);
+}
+}  // namespace
+
+TEST(HislipWrite, LongMessageSplitsAfterTheFirstSendAndIdsAdvance) {
+  const int big = 0x40000;
+  std::string payload(big, '\0');
+  for (int i = 0; i < big; i++) payload[i] = (char)(i * 7);
+  Peer peer;
+  peer.run([&](Peer& p) {
+    Msg m = hs::readMsg(p.sync);
+    EXPECT_EQ(6, m.type);
+    EXPECT_EQ(0xFFFFFF00u, m.param);
+    EXPECT_TRUE(m.data == payload);
+    m = hs::readMsg(p.sync);
+    EXPECT_EQ(7, m.type);
+    EXPECT_EQ(0xFFFFFF02u, m.param);
+    EXPECT_EQ("tail!", m.data);  // not rounded: only vendor messages are
+  });
+  KvTcpInfo* r = hs::newRecord();
+  ASSERT_EQ(VI_SUCCESS, kvtcp_hislip_Connect(r, kAddr, "inst0"));
+  kvtcp_sys_send = recordingSend;
+  int n = -1;
+  EXPECT_EQ(VI_SUCCESS, kvtcp_Write(r, 2000, payload.data(), big, 0, &n));
+  EXPECT_EQ(big, n);
+  char tail[8] = "tail!";
+  EXPECT_EQ(VI_SUCCESS, kvtcp_Write(r, 2000, tail, 5, KVTCP_FLAG_END, &n));
+  kvtcp_sys_send = send;
+  EXPECT_EQ((std::vector<size_t>{16 + 0x3FFF0, 16, 21}), gSends);
+  kvtcp_Close(r);
+}
+
+TEST(HislipRead, ErrorMessagesAndBrokenHeaders) {
+  hs::LogCapture log;
+  Peer peer;
+  peer.run([](Peer& p) {
+    hs::sendMsg(p.sync, 9, 0, 0);                                             // not a data message
+    hs::sendMsg(p.sync, 3, 5, 0, "the command is not understood.");          // Error, 30 bytes
+    hs::sendMsg(p.sync, 2, 1, 0, "the connection cannot go on, please stop"); // FatalError, 40 bytes
+    hs::sendMsg(p.sync, 3, 0, 0, "too short!");                               // shorter than a reply
+    std::string bad(16, '\0');
+    bad[0] = 'X';
+    bad[1] = 'S';
+    send(p.sync, bad.data(), bad.size(), 0);
+    hs::sendMsg(p.sync, 3, 0, 0, std::string(300, 'e'));
+  });
+  KvTcpInfo* r = hs::newRecord();
+  ASSERT_EQ(VI_SUCCESS, kvtcp_hislip_Connect(r, kAddr, "inst0"));
+  char buf[64];
+  int n;
+  const int expected[] = {VI_ERROR_CONN_LOST, VI_ERROR_IO, VI_ERROR_CONN_LOST,
+                          VI_ERROR_TMO,       VI_ERROR_CONN_LOST, VI_ERROR_CONN_LOST};
+  for (int want : expected) {
+    EXPECT_EQ(want, kvtcp_Read(r, 2000, buf, sizeof buf, 0, 0, &n));
+    EXPECT_EQ(0, r->hislipInHdr.msg);
+  }
+  EXPECT_TRUE(hs::logged("Wait Data/DataEnd, get unexpected 9"));
+  EXPECT_TRUE(hs::logged("get Error 3/5, the command is not understood."));
+  EXPECT_TRUE(hs::logged("get Error 2/1, the connection cannot go on, please stop"));
+  EXPECT_FALSE(hs::logged("too short!"));
+  EXPECT_TRUE(hs::logged("Wrong Header, get 58530000"));
+  EXPECT_TRUE(hs::logged("Wrong errLen, get Error 3/0, msg len 300"));
+  kvtcp_Close(r);
+}
+
+TEST(HislipRead, PeerClosingMidMessageEndsTheWait) {
+  Peer peer;
+  peer.run([](Peer& p) {
+    hs::sendMsg(p.sync, 6, 0, 0, "0123456789", 100);
+    close(p.async);
+    shutdown(p.sync, SHUT_WR);
+    p.async = -1;
+  });
+  KvTcpInfo* r = hs::newRecord();
+  int base = hs::openFds();
+  ASSERT_EQ(VI_SUCCESS, kvtcp_hislip_Connect(r, kAddr, "inst0"));
+  char buf[100];
+  int n;
+  EXPECT_EQ(VI_ERROR_CONN_LOST, kvtcp_Read(r, 300, buf, sizeof buf, 0, 0, &n));
+  // The receive thread saw its channel close, left and closed S_Intr.
+  EXPECT_TRUE(hs::eventually([&] { return r->S_Intr == 0; }));
+  EXPECT_EQ(1, r->Connected);
+  ViUInt16 stb;
+  EXPECT_EQ(VI_ERROR_CONN_LOST, kvtcp_ReadSTB(r, 100, &stb));
+  kvtcp_Close(r);
+  peer.join();
+  EXPECT_TRUE(hs::eventually([&] { return hs::openFds() == base; }));
+}
+
+TEST(HislipAsync, RingStatusByteAndDeviceClear) {
+  Peer peer;
+  peer.run([](Peer& p) {
+    Msg q = hs::readMsg(p.async);  // left unanswered: that query times out
+    EXPECT_EQ(21, q.type);
+    EXPECT_EQ(0xFFFFFF00u, q.param);
+    for (int i = 0; i < 9; i++) hs::sendMsg(p.async, 25, (int8_t)i, 0);
+    hs::sendMsg(p.async, 16, 0, 0, std::string("\0\0\0\0\0\x01\x23\x45", 8));
+    q = hs::readMsg(p.async);
+    EXPECT_EQ(21, q.type);
+    EXPECT_EQ(0xFFFFFF02u, q.param);
+    hs::sendMsg(p.async, 22, 0x42, 0);
+    hs::sendMsg(p.async, 16, 0, 0, std::string("\0\0\0\x01\0\0\0\0", 8));
+
+    q = hs::readMsg(p.async);
+    EXPECT_EQ(19, q.type);
+    hs::sendMsg(p.async, 23, 1, 0);
+    Msg c = hs::readMsg(p.sync);
+    EXPECT_EQ(8, c.type);
+    EXPECT_EQ(-1, c.code);  // the feature byte as read from the taken slot
+    hs::sendMsg(p.sync, 9, 0, 0);
+    hs::sendMsg(p.async, 16, 0, 0, "1234", 4);  // malformed: the thread leaves
+  });
+  KvTcpInfo* r = hs::newRecord();
+  ASSERT_EQ(VI_SUCCESS, kvtcp_hislip_Connect(r, kAddr, "inst0"));
+  ViUInt16 stb = 0;
+  EXPECT_EQ(VI_ERROR_TMO, kvtcp_ReadSTB(r, 20, &stb));
+
+  ASSERT_TRUE(hs::eventually([&] { return r->hislipMaximumMessageSize == 0x12345u; }));
+  for (int i = 0; i < 8; i++) {
+    EXPECT_EQ(25, slotType(r, i));
+    EXPECT_EQ(i, r->hislipAsyncIn[i].code);  // the ninth was dropped
+  }
+  std::vector<std::vector<uint8_t>> before;
+  for (int i = 0; i < 5; i++) before.push_back(slotBytes(r, i));
+  for (int i = 5; i < 8; i++) r->hislipAsyncIn[i].msg = 0;  // as a reader frees them
+
+  EXPECT_EQ(VI_SUCCESS, kvtcp_ReadSTB(r, 2000, &stb));
+  EXPECT_EQ(0xFFFF, stb);
+  for (int i = 0; i < 5; i++) EXPECT_EQ(before[i], slotBytes(r, i)) << i;
+  std::vector<uint8_t> five = slotBytes(r, 5);
+  EXPECT_EQ(0, five[2]);
+  EXPECT_EQ(0xFF, five[3]);
+  EXPECT_EQ((int)0xFFFFFF04u, r->hislipOutMesageID);
+  EXPECT_TRUE(hs::eventually([&] { return r->hislipMaximumMessageSize == 0x7FFF0000u; }));
+
+  EXPECT_EQ(VI_SUCCESS, kvtcp_Clear(r, 2000));
+  for (int i = 0; i < 8; i++) EXPECT_EQ(0, slotType(r, i));
+  EXPECT_EQ((int)0xFFFFFF00u, r->hislipOutMesageID);
+
+  EXPECT_TRUE(hs::eventually([&] { return r->S_Intr == 0; }));
+  EXPECT_EQ(1, r->Connected);
+  EXPECT_EQ(VI_ERROR_CONN_LOST, kvtcp_Clear(r, 100));
+  kvtcp_Close(r);
+}
+
+namespace {
+std::mutex gEventMutex;
+std::vector<std::pair<int, std::string>> gEvents;
+void onEvent(pKvTcpInfo r) {
+  std::lock_guard<std::mutex> g(gEventMutex);
+  gEvents.emplace_back(r->hislipAsyncInMsg, std::string(r->hislipAsyncCmdData, 12));
+}
+size_t eventCount() {
+  std::lock_guard<std::mutex> g(gEventMutex);
+  return gEvents.size();
+}
+}  // namespace
+
+TEST(HislipAsync, ServiceRequestAndBridgeEvents) {
+  Peer peer;
+  peer.run([](Peer& p) {
+    hs::sendMsg(p.async, 20, 0, 0);
+    Msg q = hs::readMsg(p.async);
+    EXPECT_EQ(21, q.type);
+    hs::sendMsg(p.async, 22, 0x40, q.param);  // swallowed: it answers the thread's own query
+    hs::sendMsg(p.async, 14, 0, 0);           // ignored
+    hs::sendMsg(p.async, 30, 0, 0);           // unknown, ignored
+    hs::sendMsg(p.async, 128, 0, 0, "IRQ:0123456.");
+    hs::sendMsg(p.async, 128, 0, 0, "", 1445);  // too long for the payload buffer
+  });
+  kvtcp_setCallback(onEvent);
+  KvTcpInfo* r = hs::newRecord();
+  ASSERT_EQ(VI_SUCCESS, kvtcp_hislip_Connect(r, kAddr, "inst0"));
+  ASSERT_TRUE(hs::eventually([] { return eventCount() == 2; }));
+  EXPECT_TRUE(hs::eventually([&] { return r->S_Intr == 0; }));
+  kvtcp_setCallback(nullptr);
+  EXPECT_EQ(20, gEvents[0].first);
+  EXPECT_EQ(128, gEvents[1].first);
+  EXPECT_EQ("IRQ:0123456.", gEvents[1].second);
+  EXPECT_EQ(0, r->hislipWaitAsyncStatus);
+  for (int i = 0; i < 8; i++) EXPECT_EQ(0, slotType(r, i));
+  EXPECT_EQ(1, r->Connected);
+  kvtcp_Close(r);
+}

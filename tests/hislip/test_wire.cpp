@@ -1,0 +1,124 @@
+// Independent wire check: a HiSLIP session between the client and the
+// scripted server is captured on loopback and decoded by tshark's own
+// HiSLIP dissector.  Every message type the client sends must decode, and
+// nothing may come out malformed or undecoded.
+#include <fcntl.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <fstream>
+#include <set>
+#include <sstream>
+
+#include "common.h"
+#include "peer.h"
+
+namespace {
+
+std::string slurp(const std::string& path) {
+  std::ifstream f(path);
+  std::stringstream s;
+  s << f.rdbuf();
+  return s.str();
+}
+
+std::string run(const std::string& cmd) {
+  std::string out;
+  if (FILE* p = popen(cmd.c_str(), "r")) {
+    char b[4096];
+    size_t n;
+    while ((n = fread(b, 1, sizeof b, p)) > 0) out.append(b, n);
+    pclose(p);
+  }
+  return out;
+}
+
+}  // namespace
+
+TEST(HislipWire, EveryClientMessageDecodes) {
+  if (system("command -v tshark >/dev/null 2>&1") != 0) GTEST_SKIP() << "tshark is not installed";
+  char dirTemplate[] = "/tmp/kvhislipwire.XXXXXX";
+  ASSERT_NE(nullptr, mkdtemp(dirTemplate));
+  const std::string dir = dirTemplate, capture = dir + "/session.pcapng", err = dir + "/tshark.log";
+
+  pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    int fd = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    dup2(fd, 1);
+    dup2(fd, 2);
+    execlp("tshark", "tshark", "-i", "lo", "-f", "port 4880", "-w", capture.c_str(), (char*)nullptr);
+    _exit(127);
+  }
+  ASSERT_TRUE(hs::eventually([&] { return slurp(err).find("Capturing on") != std::string::npos; }))
+      << slurp(err);
+  // The capture is live once a probe datagram reaches the file.
+  struct stat st0;
+  ASSERT_TRUE(hs::eventually([&] { return stat(capture.c_str(), &st0) == 0; })) << slurp(err);
+  int probe = socket(AF_INET, SOCK_DGRAM, 0);
+  sockaddr_in to{};
+  to.sin_family = AF_INET;
+  to.sin_port = htons(4880);
+  to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  EXPECT_TRUE(hs::eventually([&] {
+    sendto(probe, "probe", 5, 0, (sockaddr*)&to, sizeof to);
+    struct stat st;
+    return stat(capture.c_str(), &st) == 0 && st.st_size > st0.st_size;
+  }));
+  close(probe);
+
+  hs::Peer peer;
+  peer.run([](hs::Peer& p) {
+    for (int type : {6, 7, 128}) EXPECT_EQ(type, hs::readMsg(p.sync).type);
+    hs::Msg q = hs::readMsg(p.async);
+    EXPECT_EQ(21, q.type);
+    hs::sendMsg(p.async, 22, 0x10, q.param);
+    EXPECT_EQ(19, hs::readMsg(p.async).type);
+    hs::sendMsg(p.async, 23, 0, 0);
+    EXPECT_EQ(8, hs::readMsg(p.sync).type);
+    hs::sendMsg(p.sync, 9, 0, 0);
+  });
+  KvTcpInfo* r = hs::newRecord();
+  ASSERT_EQ(VI_SUCCESS, kvtcp_hislip_Connect(r, "127.0.0.1", "inst0"));
+  char data[16] = "*IDN?\n";
+  int n;
+  EXPECT_EQ(VI_SUCCESS, kvtcp_Write(r, 1000, data, 3, 0, &n));
+  EXPECT_EQ(VI_SUCCESS, kvtcp_Write(r, 1000, data + 3, 3, KVTCP_FLAG_END, &n));
+  EXPECT_EQ(VI_SUCCESS, kvtcp_kvhislip_Write(r, data, 6, 0, &n));
+  ViUInt16 stb;
+  EXPECT_EQ(VI_SUCCESS, kvtcp_ReadSTB(r, 2000, &stb));
+  EXPECT_EQ(VI_SUCCESS, kvtcp_Clear(r, 2000));
+  kvtcp_Close(r);
+  peer.join();
+
+  // Let the last segments reach the capture before it stops.
+  usleep(300 * 1000);
+  kill(pid, SIGINT);
+  int status = 0;
+  waitpid(pid, &status, 0);
+
+  const std::string read = "tshark -r " + capture + " -d tcp.port==4880,hislip ";
+  std::string types = run(read + "-T fields -e hislip.messagetype 2>/dev/null");
+  std::set<int> seen;
+  std::stringstream ss(types);
+  std::string item;
+  while (std::getline(ss, item, '\n')) {
+    std::stringstream line(item);
+    std::string v;
+    while (std::getline(line, v, ','))
+      if (!v.empty()) seen.insert((int)strtol(v.c_str(), nullptr, 0));  // printed as 0x..
+  }
+  for (int type : {0, 17, 6, 7, 128, 21, 19, 8}) EXPECT_TRUE(seen.count(type)) << "client type " << type << " in:\n" << types;
+  for (int type : {1, 18, 22, 23, 9}) EXPECT_TRUE(seen.count(type)) << "server type " << type << " in:\n" << types;
+
+  // stderr too, so a filter tshark rejects fails the test instead of matching nothing.
+  std::string out = run(read + "-Y '_ws.malformed || hislip.wrongprologue || (tcp.len > 0 && !hislip)' 2>&1");
+  std::string bad;
+  std::stringstream lines(out);
+  while (std::getline(lines, item))
+    if (item.find("Running as user") == std::string::npos) bad += item + "\n";
+  EXPECT_EQ("", bad);
+  if (!HasFailure()) run("rm -rf " + dir);
+}
