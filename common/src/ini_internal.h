@@ -1,0 +1,76 @@
+// Records and internal routines of the INI reader, shared by its source
+// files and white-box tests.  Nothing here is exported.
+#ifndef KV_INI_INTERNAL_H
+#define KV_INI_INTERNAL_H
+
+#include "inifile.h"
+
+#define INI_MAX_LINE 255      // longest line handed to the parser
+#define INI_LINE_BUF 256      // parse buffers hold a line and its NUL
+#define LINEFILE_BUF_SIZE 2048
+#define STRING_CACHE_BLOCK 1024
+
+struct IniStructForwardReferenceTag {
+  ListType sectionList;
+  ListType internallySortedList;
+  IniSection lastSectionAccessed;
+  char sorted;
+  int lastLineAccessed;
+  int nameValueInputSeparatorLength;
+  char nameValueInputSeparatorToken[8];
+  int nameValueOutputSeparatorLength;
+  char nameValueOutputSeparatorToken[10];
+  char sectionNameStartChar;
+  char sectionNameEndChar;
+  char commentMarker[8];
+  int checkForDuplicatesWhenPutting;
+  Ini_SectionFilterFunc sectionFilter;
+  void* sectionFilterCallbackData;
+  Handle stringCache;
+};
+
+struct IniSectionStructTag {
+  char* sectionName;
+  ListType entryList;
+  ListType internallySortedEntryList;
+  char sorted;
+  int sourceLine;
+};
+
+struct _iniEntryStruct {
+  char* name;
+  char* value;
+  int sourceLine;
+  int addMarkerQuotes;
+};
+
+struct LineFileForwardReferenceTag {
+  void* inputSource;
+  LineFileReadFunc inputFunc;
+  char fileBuf[LINEFILE_BUF_SIZE];
+  int numBytesLeftInBuf;
+  char* currBufLoc;
+  int numLinesRead;
+  int numBytesRead;
+  int prevLineTermChar;
+  int offsetOfLastLine;
+  int numExtraLineTermChars;
+  int numCharsInEmptyLines;
+};
+
+int ParseTagTextLine(IniText theIniText, const char* line, char* sectionName, char* itemName, char* value);
+int ParseTagTextSectionTitle(IniText theIniText, const char* text, char* sectionName);
+char* StrDupWithoutQuotes(const char* value, int* hadQuotes);
+int Ini_AnalyzeItemName(const char* name, int* lineNumber);
+int FindMultiLineItem(IniSection section, int start, int* first, int* last);
+int CoalesceMultiLineItems(IniSection section, int first, int last);
+int Ini_CoalesceAllMultiLineItems(IniText theIniText);
+int Ini_LineFileInputFunction(void* inputSource, char* inputBuffer, int maxLineLength, int* endOfSource,
+                              int* lineNumRead);
+IniSection Ini_FindSection(IniText theIniText, const char* sectionName);
+IniEntry Ini_FindEntry(IniSection section, const char* itemName);
+int SetStringCacheSize(IniText theIniText, unsigned int size);
+int UnescapeText(const char* src, char* dest);
+int GetHexCharValue(char c);
+
+#endif
