@@ -126,7 +126,8 @@ ViStatus util_mutexes_lock(ViUInt32 nMutex, MUTEX_TYPE* hMutex, ViUInt32 s_tmo) 
   }
   uint32_t t0 = (uint32_t)util_timer_sec();
   uint32_t done = 0;
-  while (done != target) {
+  if (done == target) return VI_SUCCESS;  // no handles: nothing to wait for
+  for (;;) {
     for (ViUInt32 i = 0; i < nMutex; i++) {
       if (done & (1u << i)) continue;
       // A handle counts as done when its try FAILS; kept as designed.
@@ -156,6 +157,9 @@ void util_mutex_close(const char* mutexName, MUTEX_TYPE* hMutex) {
 // ---------------------------------------------------------- shared memory
 
 HANDLE util_map_global(const char* mapname, int size, void** mapptr, ViStatus* fInit) {
+  // A longer name would not fit the record, and the last unmapper could then
+  // not remove the segment: refuse it instead.
+  if (!mapname || !mapptr || !fInit || strlen(mapname) > SHMEM_NAME_MAX) return nullptr;
   pshared_mem_t rec = (pshared_mem_t)calloc(1, sizeof(shared_mem_t));
   if (!rec) return nullptr;
   if (size < 0) size = 0;

@@ -88,6 +88,9 @@ KV_EXPORT void transpose_matrix(double* dst, int N, int M);
 struct timespec get_timespec(void);
 struct timespec diff_timespec(struct timespec start, struct timespec end);
 // Segment size used for a user size: user size plus header, in whole KiB.
-inline uint32_t util_segment_size(int size) { return (uint32_t)((size + 8 + 1023) / 1024 * 1024); }
+// Formed in 64 bits so that a size near INT_MAX cannot overflow.
+inline uint32_t util_segment_size(int size) {
+  return (uint32_t)(((int64_t)size + 8 + 1023) / 1024 * 1024);
+}
 
 #endif
