@@ -551,7 +551,7 @@ int kvtcp_hislip_Read(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int count, V
   bool lastValid = false;
   char last = 0;
   if (remaining >= (uint32_t)count) {
-    st = recvMin(intf->S_Core, timeout, buf, count, count, &n);
+    st = recvMinQueued(intf->S_Core, timeout, buf, count, count, &n);
     if (n > 0) {
       lastValid = true;
       last = buf[n - 1];
@@ -566,7 +566,7 @@ int kvtcp_hislip_Read(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int count, V
       if (lastValid) last = scratch[n - 1];
     }
   } else {
-    st = recvMin(intf->S_Core, timeout, buf, (int)remaining, (int)remaining, &n);
+    st = recvMinQueued(intf->S_Core, timeout, buf, (int)remaining, (int)remaining, &n);
     if (n > 0) {
       lastValid = true;
       last = buf[n - 1];

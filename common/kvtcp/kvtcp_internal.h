@@ -18,6 +18,9 @@ extern ssize_t (*kvtcp_sys_send)(int s, const void* buf, size_t len, int flags);
 extern ssize_t (*kvtcp_sys_recv)(int s, void* buf, size_t len, int flags);
 extern void (*kvtcp_sys_delay_ms)(ViUInt64 ms);
 
+// recvMin that first takes already queued bytes without waiting.
+int recvMinQueued(SOCKET s, ViUInt32 tmo, char* buf, int len, int minlen, int* nRead);
+
 // Socket connect with a one-second time-out (non-blocking connect + wait).
 int ConnectTmo(SOCKET s, struct sockaddr_in* addr);
 

@@ -229,3 +229,24 @@ int SendHdrData(SOCKET s, const void* hdr, int hdrsize, const void* buf, int bsi
   }
   return VI_SUCCESS;
 }
+
+// recvMin for bytes that are most likely queued already (the payload of a
+// message whose header was just read): takes them without a wait first,
+// which saves one system call per exchange, and waits only for the rest.
+int recvMinQueued(SOCKET s, ViUInt32 tmo, char* buf, int len, int minlen, int* nRead) {
+  int dummy;
+  if (!nRead) nRead = &dummy;
+  *nRead = 0;
+  if (len <= 0) return VI_SUCCESS;
+  if (minlen > len) minlen = len;
+  ssize_t r = kvtcp_sys_recv(s, buf, (size_t)len, MSG_DONTWAIT);
+  if (r <= 0) return recvMin(s, tmo, buf, len, minlen, nRead);
+  if (r >= minlen) {
+    *nRead = (int)r;
+    return VI_SUCCESS;
+  }
+  int more = 0;
+  int st = recvMin(s, tmo, buf + r, len - (int)r, minlen - (int)r, &more);
+  *nRead = (int)r + more;
+  return st;
+}
