@@ -1,0 +1,264 @@
+// Message I/O, status byte and clear over a VXI-11 link: write chunking,
+// the two read paths, reasons, device errors, a wrong transaction id, and
+// two time-outs in a row becoming a lost connection.
+#include "common.h"
+
+using namespace vx;
+
+namespace {
+
+std::string pattern(size_t n) {
+  std::string s;
+  for (size_t i = 0; i < n; i++) s += (char)('A' + i % 26);
+  return s;
+}
+
+void send(KvTcpInfo* r, const std::string& cmd) {
+  std::string c = cmd;
+  c.push_back(0);
+  int n = 0;
+  ASSERT_EQ(kvtcp_Write(r, 1000, c.data(), (int)cmd.size(), 0x0002, &n), VI_SUCCESS);
+  ASSERT_EQ(n, (int)cmd.size());
+}
+
+class Vxi11Io : public Vxi11Test {
+ protected:
+  KvTcpInfo* up(uint32_t maxRecv = 1024) {
+    vxi11sim::Faults f;
+    f.maxRecvSize = maxRecv;
+    startSim(f);
+    return connect();
+  }
+};
+
+TEST_F(Vxi11Io, WriteChunksFollowMaxRecvSize) {
+  struct Case {
+    uint32_t maxRecv;
+    int count;
+    ViUInt16 flags;
+    std::vector<size_t> sizes;
+    std::vector<int32_t> endFlags;
+  };
+  const Case cases[] = {
+      {1024, 300, 0x0002, {300}, {8}},
+      {200, 300, 0x0002, {136, 136, 28}, {0, 0, 8}},
+      {200, 300, 0x0001, {136, 136, 28}, {0, 0, 8}},  // either low bit asks for END
+      {200, 300, 0x0000, {136, 136, 28}, {0, 0, 0}},
+      {1024, 301, 0x0002, {301}, {8}},  // unaligned large chunk (copied and padded)
+      {1024, 191, 0x0002, {191}, {8}},  // small chunk (built in place)
+      {100, 10, 0x0002, {10}, {8}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE("maxRecvSize " + std::to_string(c.maxRecv) + " count " + std::to_string(c.count));
+    KvTcpInfo* r = up(c.maxRecv);
+    std::string data = pattern((size_t)c.count);
+    data.push_back(0);
+    int n = -1;
+    ASSERT_EQ(kvtcp_Write(r, 1000, data.data(), c.count, c.flags, &n), VI_SUCCESS);
+    EXPECT_EQ(n, c.count);
+    auto w = sim->writes();
+    ASSERT_EQ(w.size(), c.sizes.size());
+    std::string joined;
+    for (size_t i = 0; i < w.size(); i++) {
+      EXPECT_EQ(w[i].data.size(), c.sizes[i]);
+      EXPECT_EQ(w[i].flags, c.endFlags[i]);
+      EXPECT_EQ(w[i].lid, (int32_t)r->lid);
+      joined += w[i].data;
+    }
+    EXPECT_EQ(joined, pattern((size_t)c.count));
+    kvtcp_Close(r);
+    sim->stop();
+  }
+}
+
+TEST_F(Vxi11Io, ReadsOnBothSidesOfTheSingleReplyLimit) {
+  KvTcpInfo* r = up();
+  for (int count : {1, 3, 214, 215, 216, 217, 1000, 5000}) {
+    SCOPED_TRACE(count);
+    send(r, "DATA? " + std::to_string(count));
+    std::vector<char> buf((size_t)count + 8, '#');
+    int n = -1;
+    EXPECT_EQ(kvtcp_Read(r, 1000, buf.data(), count, 0x0002, 0, &n), 2);
+    ASSERT_EQ(n, count);
+    EXPECT_EQ(std::string(buf.data(), (size_t)n), pattern((size_t)count));
+    EXPECT_EQ(buf[(size_t)count], '#');  // nothing written past the count
+  }
+  // The stream stays in step after the large reads (padding consumed).
+  send(r, "*IDN?");
+  char idn[64] = {};
+  int n = 0;
+  EXPECT_EQ(kvtcp_Read(r, 1000, idn, sizeof idn - 1, 0x0002, 0, &n), 2);
+  EXPECT_STREQ(idn, "KVSIM,VXI11-INSTRUMENT,0,1.0\n");
+}
+
+TEST_F(Vxi11Io, ReadReasons) {
+  KvTcpInfo* r = up();
+  // Count reached before the end: reason 0, the rest stays for the next read.
+  send(r, "DATA? 300");
+  char buf[400];
+  int n = 0;
+  EXPECT_EQ(kvtcp_Read(r, 1000, buf, 100, 0x0002, 0, &n), 0);
+  EXPECT_EQ(n, 100);
+  EXPECT_EQ(kvtcp_Read(r, 1000, buf, 400, 0x0002, 0, &n), 2);
+  EXPECT_EQ(n, 200);
+  EXPECT_EQ(std::string(buf, 200), pattern(300).substr(100));
+
+  // Termination character.
+  send(r, "ECHO? hello");
+  EXPECT_EQ(kvtcp_Read(r, 1000, buf, sizeof buf, 0x0003, 'l', &n), 1);
+  EXPECT_EQ(std::string(buf, (size_t)n), "hel");
+  EXPECT_EQ(kvtcp_Read(r, 1000, buf, sizeof buf, 0x0002, 0, &n), 2);
+  EXPECT_EQ(std::string(buf, (size_t)n), "lo\n");
+
+  // Nothing to read: the device's time-out error is an I/O error.
+  EXPECT_EQ(kvtcp_Read(r, 1000, buf, sizeof buf, 0x0002, 0, &n), VI_ERROR_IO);
+  EXPECT_EQ(r->Connected, 1);
+}
+
+TEST_F(Vxi11Io, QueryAndStatusByte) {
+  KvTcpInfo* r = up();
+  char q[] = "*IDN?\n";
+  char in[64] = {};
+  int n = 0;
+  EXPECT_EQ(kvtcp_Query(r, 1000, q, 6, in, sizeof in - 1, 0x0002, 0, &n), 2);
+  EXPECT_STREQ(in, "KVSIM,VXI11-INSTRUMENT,0,1.0\n");
+
+  sim->setStatusByte(0x51);
+  ViUInt16 stb = 0;
+  EXPECT_EQ(kvtcp_ReadSTB(r, 1000, &stb), VI_SUCCESS);
+  EXPECT_EQ(stb, 0x51);
+  EXPECT_EQ(r->LastError, 0);
+}
+
+TEST_F(Vxi11Io, ClearEmptiesTheOutputQueue) {
+  KvTcpInfo* r = up();
+  send(r, "DATA? 50");
+  EXPECT_EQ(kvtcp_Clear(r, 1000), VI_SUCCESS);
+  EXPECT_EQ(sim->clearCount(), 1);
+  char buf[64];
+  int n = 0;
+  EXPECT_EQ(kvtcp_Read(r, 1000, buf, sizeof buf, 0x0002, 0, &n), VI_ERROR_IO);
+}
+
+TEST_F(Vxi11Io, DeviceErrorsBecomeIoErrors) {
+  for (int proc : {VXI11_WRITE, VXI11_READ, VXI11_READSTB, VXI11_CLEAR}) {
+    SCOPED_TRACE(proc);
+    vxi11sim::Faults f;
+    f.deviceErrorProc = proc;
+    f.deviceError = 17;
+    startSim(f);
+    KvTcpInfo* r = connect();
+    char buf[64] = "*OPC?\n";
+    int n = 0;
+    ViUInt16 stb = 0;
+    int st = 0;
+    switch (proc) {
+      case VXI11_WRITE: st = kvtcp_Write(r, 1000, buf, 6, 0x0002, &n); break;
+      case VXI11_READ: st = kvtcp_Read(r, 1000, buf, sizeof buf, 0x0002, 0, &n); break;
+      case VXI11_READSTB: st = kvtcp_ReadSTB(r, 1000, &stb); break;
+      case VXI11_CLEAR: st = kvtcp_Clear(r, 1000); break;
+    }
+    EXPECT_EQ(st, VI_ERROR_IO);
+    EXPECT_EQ(n, 0);
+    EXPECT_EQ(r->Connected, 1);
+    if (proc == VXI11_READSTB || proc == VXI11_CLEAR) {
+      EXPECT_TRUE(logged("err1..."));
+    }
+    kvtcp_Close(r);
+    sim->stop();
+  }
+}
+
+TEST_F(Vxi11Io, WrongTransactionIdIsAnIoErrorAndTheLinkRecovers) {
+  KvTcpInfo* r = up();
+  vxi11sim::Faults f = sim->faults();
+  f.wrongXidProc = VXI11_READSTB;
+  sim->setFaults(f);
+  ViUInt16 stb = 0;
+  EXPECT_EQ(kvtcp_ReadSTB(r, 1000, &stb), VI_ERROR_IO);
+  EXPECT_EQ(r->LastError, VI_ERROR_IO);
+  EXPECT_EQ(r->CoreState, -1);
+  EXPECT_TRUE(logged("rpc reply wrong xid"));
+  f.wrongXidProc = 0;
+  sim->setFaults(f);
+  sim->setStatusByte(7);
+  EXPECT_EQ(kvtcp_ReadSTB(r, 1000, &stb), VI_SUCCESS);
+  EXPECT_EQ(stb, 7);
+  EXPECT_EQ(r->CoreState, 0);
+  EXPECT_EQ(r->LastError, 0);
+
+  // The same on a write, whose reply goes through the two-part request.
+  f.wrongXidProc = VXI11_WRITE;
+  sim->setFaults(f);
+  std::string data = pattern(400);
+  int n = 0;
+  EXPECT_EQ(kvtcp_Write(r, 1000, data.data(), 400, 0x0002, &n), VI_ERROR_IO);
+  EXPECT_EQ(n, 0);
+}
+
+TEST_F(Vxi11Io, TwoTimeoutsInARowLoseTheConnection) {
+  KvTcpInfo* r = up();
+  vxi11sim::Faults f = sim->faults();
+  f.lateProc = VXI11_READSTB;
+  f.lateMs = 800;
+  sim->setFaults(f);
+  ViUInt16 stb = 0;
+  EXPECT_EQ(kvtcp_ReadSTB(r, 50, &stb), VI_ERROR_TMO);
+  EXPECT_EQ(r->LastError, VI_ERROR_TMO);
+  EXPECT_EQ(r->CoreState, -1);
+  EXPECT_EQ(r->Connected, 1);
+  EXPECT_EQ(kvtcp_ReadSTB(r, 50, &stb), VI_ERROR_CONN_LOST);
+  EXPECT_EQ(r->LastError, VI_ERROR_CONN_LOST);
+  EXPECT_EQ(r->Connected, 0);
+  EXPECT_EQ(r->S_Core, 0);
+  EXPECT_EQ(kvtcp_ReadSTB(r, 50, &stb), VI_ERROR_CONN_LOST);
+}
+
+TEST_F(Vxi11Io, TimeoutThenSuccessDoesNotLoseTheConnection) {
+  KvTcpInfo* r = up();
+  vxi11sim::Faults f = sim->faults();
+  f.lateProc = VXI11_READ;
+  f.lateMs = 600;
+  sim->setFaults(f);
+  send(r, "DATA? 20");
+  char buf[64];
+  int n = 0;
+  EXPECT_EQ(kvtcp_Read(r, 50, buf, sizeof buf, 0x0002, 0, &n), VI_ERROR_TMO);
+  f.lateProc = 0;
+  sim->setFaults(f);
+  // The late reply is drained before the next call goes out.
+  ASSERT_TRUE(waitUntil([&] { return CheckForRecv(r->S_Core, 0) == 1; }));
+  sim->setStatusByte(3);
+  ViUInt16 stb = 0;
+  EXPECT_EQ(kvtcp_ReadSTB(r, 1000, &stb), VI_SUCCESS);
+  EXPECT_EQ(stb, 3);
+  EXPECT_EQ(r->Connected, 1);
+  EXPECT_EQ(r->LastError, 0);
+}
+
+TEST_F(Vxi11Io, ClearTimeoutsCountToo) {
+  KvTcpInfo* r = up();
+  vxi11sim::Faults f = sim->faults();
+  f.lateProc = VXI11_CLEAR;
+  f.lateMs = 800;
+  sim->setFaults(f);
+  EXPECT_EQ(kvtcp_Clear(r, 50), VI_ERROR_TMO);
+  EXPECT_EQ(r->Connected, 1);
+  EXPECT_EQ(kvtcp_Clear(r, 50), VI_ERROR_CONN_LOST);
+  EXPECT_EQ(r->Connected, 0);
+}
+
+TEST_F(Vxi11Io, UnusableRecordIsRefused) {
+  KvTcpInfo* r = newRecord();
+  r->tcpType = KVTCP_VXI11;
+  char buf[8] = {};
+  int n = 5;
+  EXPECT_EQ(kvtcp_Write(r, 100, buf, 1, 0, &n), VI_ERROR_CONN_LOST);
+  EXPECT_EQ(n, 0);
+  EXPECT_EQ(kvtcp_Read(r, 100, buf, 1, 0, 0, &n), VI_ERROR_CONN_LOST);
+  ViUInt16 stb;
+  EXPECT_EQ(kvtcp_ReadSTB(r, 100, &stb), VI_ERROR_CONN_LOST);
+  EXPECT_EQ(kvtcp_Clear(r, 100), VI_ERROR_CONN_LOST);
+}
+
+}  // namespace
