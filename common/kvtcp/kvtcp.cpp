@@ -6,6 +6,7 @@
 #include <ctype.h>
 #include <errno.h>
 #include <mutex>
+#include <set>
 #include <netdb.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -78,6 +79,36 @@ void kvtcp_UnLock(pKvTcpInfo intf) {
 }
 
 void kvtcp_setCallback(kvtcpEventHandler cb) { user_callback = cb; }
+
+// ------------------------------------------------- receive threads
+
+namespace {
+std::mutex g_threadMutex;
+std::multiset<const KvTcpInfo*> g_threadRecords;  // records with a live receive thread
+}  // namespace
+
+void kvtcp_ThreadEnter(const KvTcpInfo* intf) {
+  std::lock_guard<std::mutex> g(g_threadMutex);
+  g_threadRecords.insert(intf);
+}
+
+void kvtcp_ThreadLeave(const KvTcpInfo* intf) {
+  std::lock_guard<std::mutex> g(g_threadMutex);
+  auto it = g_threadRecords.find(intf);
+  if (it != g_threadRecords.end()) g_threadRecords.erase(it);
+}
+
+int kvtcp_WaitThreadGone(const KvTcpInfo* intf, ViUInt32 ms) {
+  ViUInt64 start = util_timer_ms();
+  for (;;) {
+    {
+      std::lock_guard<std::mutex> g(g_threadMutex);
+      if (g_threadRecords.find(intf) == g_threadRecords.end()) return 1;
+    }
+    if (util_timer_ms() - start > ms) return 0;
+    usleep(1000);
+  }
+}
 
 // ------------------------------------------------------------ sockets
 

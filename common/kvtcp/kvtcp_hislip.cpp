@@ -245,6 +245,7 @@ void* asyncThreadStart(void* p) {
   AsyncStart st = *(AsyncStart*)p;
   free(p);
   asyncLoop(st);
+  kvtcp_ThreadLeave(st.intf);
   return nullptr;
 }
 
@@ -442,9 +443,11 @@ int kvtcp_hislip_Connect(pKvTcpInfo intf, const char* TcpipAddr, const char* sub
     pthread_attr_init(&attr);
     pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);  // never joined
     pthread_t tid;
+    kvtcp_ThreadEnter(intf);
     int rc = pthread_create(&tid, &attr, asyncThreadStart, st);
     pthread_attr_destroy(&attr);
     if (rc != 0) {
+      kvtcp_ThreadLeave(intf);
       intf->Connected = 0;
       close(st->fd);
       free(st);

@@ -48,6 +48,16 @@ void kvtcp_CloseSocketField(SOCKET* s);
 // be reused meanwhile).  Returns 1 when it closed the field.
 int kvtcp_CloseSocketFieldIfSame(SOCKET* s, dev_t dev, ino_t ino);
 
+// Receive threads (HiSLIP asynchronous channel, VXI-11 interrupt channel)
+// register while they run, so the driver can make sure none of them still
+// runs in the library when the host stops it and unloads the library.
+// Enter is called by the creator before the thread starts, Leave by the
+// thread as its last action.  Wait returns 1 once no thread of the record
+// runs, 0 after ms milliseconds.
+void kvtcp_ThreadEnter(const KvTcpInfo* intf);
+void kvtcp_ThreadLeave(const KvTcpInfo* intf);
+int kvtcp_WaitThreadGone(const KvTcpInfo* intf, ViUInt32 ms);
+
 // Per-kind workers behind the public read/write/status/clear dispatchers.
 // The dispatchers have already checked the record and zeroed *retcount.
 int kvtcp_raw_Write(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int count, ViUInt16 flags, int* retcount);

@@ -303,6 +303,13 @@ int vxi11DestroyLink(SOCKET S, unsigned int lid) {
   return (int)rawWordAt(reply, offsetof(Device_Error, error));
 }
 
+// The interrupt thread, registered while it runs (see kvtcp_ThreadEnter).
+static void* intrThreadStart(void* X) {
+  vxi11InterruptConn(X);
+  kvtcp_ThreadLeave((const KvTcpInfo*)X);
+  return nullptr;
+}
+
 int vxi11FullConnect(pKvTcpInfo intf, const char* name) {
   intf->lid = KVTCP_NO_LINK;
   intf->Addr.sin_family = AF_INET;
@@ -360,7 +367,9 @@ int vxi11FullConnect(pKvTcpInfo intf, const char* name) {
   pcpintf = &cpintf;
   KVTCP_LOG("create thread for intr");
   __atomic_store_n(&intf->intr_port, (uint16_t)0, __ATOMIC_RELEASE);
-  if (pthread_create(&intf->hIntrThread, nullptr, vxi11InterruptConn, intf) != 0) {
+  kvtcp_ThreadEnter(intf);
+  if (pthread_create(&intf->hIntrThread, nullptr, intrThreadStart, intf) != 0) {
+    kvtcp_ThreadLeave(intf);
     // No thread, so nobody would ever publish a port: report it ended.
     __atomic_store_n(&intf->intr_port, (uint16_t)0xFFFF, __ATOMIC_RELEASE);
     return VI_SUCCESS;

@@ -12,6 +12,7 @@
 #include "HiSLIPcommands.h"
 #include "TcpVxiAPIint.h"
 #include "kvlog.h"
+#include "kvtcp_internal.h"
 
 INTFINFO Interfaces[TCPVXI_MAX_INTF];
 SHAREDMEMINTF* tcpvxiGD = nullptr;
@@ -81,6 +82,9 @@ void tcpvxi_start(void) {
 
 void tcpvxi_stop(void) {
   vintfCloseDevice();
+  // The closed connections' receive threads leave on their own; let them
+  // finish before the host may unload the library.
+  for (int i = 0; i < TCPVXI_MAX_INTF; i++) kvtcp_WaitThreadGone(&Interfaces[i].kvtcp, 1000);
   drvLock(TCPVXI_START_TMO);
   if (hMapObject && tcpvxiGD) util_unmap_global(&hMapObject, tcpvxiGD);
   hMapObject = nullptr;

@@ -17,7 +17,10 @@ void resolve(void* h, F& fn, const char* name, std::vector<std::string>& missing
 }  // namespace
 
 std::string Driver::load(const std::string& libPath) {
-  handle = dlopen(libPath.c_str(), RTLD_NOW | RTLD_LOCAL);
+  // RTLD_NODELETE: the driver's HiSLIP receive threads are detached and may
+  // still be leaving after tcpvxi_stop; unmapping the library under them at
+  // dlclose would crash the process on its way out.
+  handle = dlopen(libPath.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
   if (!handle) return std::string("cannot load ") + libPath + ": " + dlerror();
   path = libPath;
   std::vector<std::string> missing;

@@ -1,0 +1,236 @@
+// Command decoding, the lock rule, system commands, interrupts, the
+// resource text and the fault switches.
+#include <thread>
+
+#include "bsim.h"
+#include "inifile.h"
+
+using namespace bsim;
+using bridgesim::HostId;
+
+namespace {
+
+IniText parse(const std::string& text) {
+  struct Src {
+    const std::string* s;
+    size_t pos;
+  } src{&text, 0};
+  IniText t = Ini_New(1);
+  Ini_ReadGeneric(
+      t,
+      [](void* in, char* buf, int max, int* eos, int* line) -> int {
+        auto* s = static_cast<Src*>(in);
+        if (s->pos >= s->s->size()) {
+          *eos = 1;
+          return 0;
+        }
+        size_t e = s->s->find('\n', s->pos);
+        if (e == std::string::npos) e = s->s->size();
+        size_t n = std::min<size_t>(e - s->pos, size_t(max));
+        std::memcpy(buf, s->s->data() + s->pos, n);
+        buf[n] = 0;
+        s->pos = e + 1;
+        *eos = 0;
+        if (line) *line = 0;
+        return 0;
+      },
+      &src);
+  return t;
+}
+
+}  // namespace
+
+TEST(BridgeLock, FirstHostOwnsTheBridgeUntilItsLastLockingConnectionCloses) {
+  Rig r;
+  HostId a1{0x0100007F, 11}, a2{0x0100007F, 12}, b{0x0200007F, 21};
+  // before anyone locks, every host is served
+  EXPECT_EQ(0u, word(r.cmd(words({3, 0}), b), 0));
+  EXPECT_EQ(0u, word(r.cmd(words({1, 1000}), a1), 0));
+  EXPECT_EQ(0u, word(r.cmd(words({1, 1000}), a2), 0)) << "a second process on the same host";
+  EXPECT_EQ(kLocked, word(r.cmd(words({1, 1000}), b), 0));
+  auto other = r.cmd(words({4 | A16 | D16, 0, cfg(0, 0)}), b);
+  EXPECT_EQ(kLocked, word(other, 0));
+  EXPECT_EQ(8u, other.size()) << "a refused read still has the read answer's shape";
+  EXPECT_EQ(kLocked, word(r.cmd(words({16, 0}), b), 0));
+  r.b.hostDisconnected(b);  // a stranger leaving changes nothing
+  r.b.hostDisconnected(a1);
+  EXPECT_EQ(kLocked, word(r.cmd(words({1, 1000}), b), 0));
+  r.b.hostDisconnected(a2);
+  EXPECT_EQ(0u, word(r.cmd(words({1, 1000}), b), 0));
+  EXPECT_EQ(kLocked, word(r.cmd(words({1, 1000}), a1), 0));
+}
+
+TEST(BridgeCommands, ResetAndSystemState) {
+  Rig r;
+  auto s = r.cmd({3, 0});
+  ASSERT_EQ(8u, s.size());
+  EXPECT_EQ(0u, word(s, 0));
+  EXPECT_EQ(1u, word(s, 1)) << "configured, no SYSFAIL";
+  // a reset puts the configuration registers back and re-enables the windows
+  uint32_t v = 0;
+  EXPECT_EQ(0u, r.write(A16, D16, cfg(8, 6), 0x1234));
+  EXPECT_EQ(0u, r.st({2, 0}));
+  EXPECT_EQ(0u, r.read(A16, D16, cfg(8, 6), &v));
+  EXPECT_EQ(0x2000u, v) << "the resource manager placed the digitizer at 0x200000 again";
+  EXPECT_EQ(0u, r.read(A16, D16, cfg(8, 4), &v));
+  EXPECT_EQ(0x8000u, v & 0x8000u);
+}
+
+TEST(BridgeCommands, MalformedCommandsGetNegativeStatusOfTheRightShape) {
+  Rig r;
+  EXPECT_EQ(std::vector<uint8_t>(words({kIo})), r.cmd(std::vector<uint8_t>{}));
+  EXPECT_EQ(kIo, word(r.cmd(std::vector<uint8_t>{4, 0, 0}), 0));
+  for (uint32_t code : {0u, 9u, 10u, 11u, 18u, 0xFFu}) EXPECT_EQ(kNsup, r.st({code, 0})) << code;
+  // truncated records
+  EXPECT_EQ(kIo, r.st({4 | A16 | D16, 0}));
+  EXPECT_EQ(kIo, r.st({5 | A16 | D16, 0, cfg(0, 0x10)}));
+  EXPECT_EQ(kIo, r.st({7 | A24 | D16 | INC, 0, 0x200000}));
+  auto bw = r.cmd({8 | A24 | D16 | INC, 0, 0x200000, 4, 0x11112222});  // 4 elements, 2 present
+  EXPECT_EQ(kIo, word(bw, 0));
+  EXPECT_EQ(8u, bw.size());
+  EXPECT_EQ(kIo, r.st({17, 0}));
+  EXPECT_EQ(kIo, r.st({12 | 16 << 8, 1}));
+  auto ws = r.cmd({13 | 16 << 8, 1, 300, 0});  // more than 256 bytes
+  EXPECT_EQ(kIo, word(ws, 0));
+  EXPECT_EQ(kIo, r.st({13 | 16 << 8, 1, 9, 0x41414141}));  // 9 announced, 4 present
+  // width and space must each be exactly one
+  EXPECT_EQ(kNsup, r.st({4 | A16, 0, cfg(0, 0)}));
+  EXPECT_EQ(kNsup, r.st({4 | A16 | D08 | D16, 0, cfg(0, 0)}));
+  EXPECT_EQ(kSpace, r.st({4 | D16, 0, cfg(0, 0)}));
+  EXPECT_EQ(kSpace, r.st({4 | A16 | A24 | D16, 0, cfg(0, 0)}));
+  auto br = r.cmd({7 | D16, 0, 0, 4});
+  ASSERT_EQ(12u, br.size());
+  EXPECT_EQ(kSpace, word(br, 0));
+  EXPECT_EQ(0u, word(br, 1));
+  EXPECT_EQ(kSpace, word(br, 2));
+  // code 14 without anything to send or read
+  EXPECT_EQ(kNsup, r.st({14 | 16 << 8, 1, 0xFFFF}));
+  EXPECT_EQ(kNsup, r.st({14 | 16 << 8 | 0x0C000000, 1, 0xFFFF}));
+}
+
+TEST(BridgeCommands, TestInterruptIsAnsweredAndReportedOnTheDevicesLine) {
+  Rig r;
+  EXPECT_EQ(std::vector<uint8_t>(words({0})), r.cmd({17, 0, 0xCD08}));
+  auto rep = r.takeReports();
+  ASSERT_EQ(1u, rep.size());
+  EXPECT_EQ(std::vector<uint8_t>(words({1, 1, 2, 0xCD08})), rep[0]) << "the digitizer interrupts on line 2";
+  r.cmd({17, 0, 0x12345677});  // nobody at 0x77: line 1, status/ID passed whole
+  rep = r.takeReports();
+  ASSERT_EQ(1u, rep.size());
+  EXPECT_EQ(std::vector<uint8_t>(words({1, 1, 1, 0x12345677})), rep[0]);
+}
+
+TEST(BridgeResources, TextListsEveryDeviceWithEveryKeyTheDriverReads) {
+  Rig r;
+  auto a = r.cmd({16, 0});
+  ASSERT_GT(a.size(), 4u);
+  EXPECT_EQ(0u, word(a, 0));
+  std::string text(a.begin() + 4, a.end());
+  EXPECT_EQ(r.b.resourceText(), text);
+  EXPECT_EQ(std::string::npos, text.find('\0'));
+  IniText t = parse(text);
+  ASSERT_NE(nullptr, t);
+  int n = 0;
+  ASSERT_EQ(1, Ini_GetInt(t, "COMMON", "NumInstr", &n));
+  ASSERT_EQ(6, n);
+  const char* keys[] = {"INTF_NUM", "VXI_LA", "MAINFRAME_LA", "MANF_ID", "MODEL_CODE", "SLOT", "VXI_DEV_CLASS",
+                        "offsetA16", "offsetA24", "offsetA32", "sizeA16", "sizeA24", "sizeA32"};
+  std::vector<unsigned> las;
+  for (int i = 1; i <= n; ++i) {
+    std::string sec = "INSTR" + std::to_string(i);
+    for (const char* k : keys) {
+      unsigned v = 0;
+      EXPECT_EQ(1, Ini_GetUInt(t, sec.c_str(), k, &v)) << sec << " " << k;
+    }
+    unsigned la = 0, intf = 0, off16 = 0, size16 = 0;
+    Ini_GetUInt(t, sec.c_str(), "VXI_LA", &la);
+    Ini_GetUInt(t, sec.c_str(), "INTF_NUM", &intf);
+    Ini_GetUInt(t, sec.c_str(), "offsetA16", &off16);
+    Ini_GetUInt(t, sec.c_str(), "sizeA16", &size16);
+    EXPECT_GE(intf, 1u);
+    EXPECT_EQ(0xC000u + 0x40u * la, off16);
+    EXPECT_EQ(64u, size16);
+    char name[64] = {};
+    EXPECT_EQ(1, Ini_GetStringIntoBuffer(t, sec.c_str(), "RSRC_NAME", name, 63));
+    EXPECT_EQ("VXI0::" + std::to_string(la) + "::INSTR", std::string(name));
+    las.push_back(la);
+  }
+  EXPECT_EQ((std::vector<unsigned>{0, 8, 16, 24, 32, 40}), las);
+  // the windows listed are where the devices answer
+  unsigned base = 0, size = 0;
+  Ini_GetUInt(t, "INSTR4", "offsetA32", &base);
+  Ini_GetUInt(t, "INSTR4", "sizeA32", &size);
+  EXPECT_EQ(65536u, size);
+  uint32_t v = 0;
+  EXPECT_EQ(0u, r.write(A32, D32, base + size - 4, 0xCAFEF00D));
+  EXPECT_EQ(0u, r.read(A32, D32, base + size - 4, &v));
+  EXPECT_EQ(0xCAFEF00Du, v);
+  EXPECT_EQ(kBerr, r.read(A32, D32, base + size, &v));
+  Ini_Dispose(t);
+}
+
+TEST(BridgeFaults, ForcedStatusEmptyAnswerInflatedCountAndBusy) {
+  Rig r;
+  bridgesim::CommandFaults f;
+  f.statusCode = 1;
+  f.forcedStatus = int32_t(0xBFFF000F);
+  r.b.setFaults(f);
+  EXPECT_EQ(kLocked, r.st({1, 1000}));
+  EXPECT_EQ(0u, r.st({3, 0})) << "other codes untouched";
+  f = {};
+  f.statusCode = -1;
+  f.forcedStatus = int32_t(kIo);
+  r.b.setFaults(f);
+  EXPECT_EQ(kIo, r.st({3, 0}));
+  auto blk = r.cmd({7 | A24 | D16 | INC, 0, 0x200000, 4});
+  EXPECT_EQ((std::vector<uint8_t>(words({kIo, 0, kIo}))), blk);
+  f = {};
+  f.emptyCode = 16;
+  r.b.setFaults(f);
+  EXPECT_TRUE(r.cmd({16, 0}).empty());
+  EXPECT_EQ(r.b.faults().emptyCode, 16);
+  f = {};
+  f.inflateCode = 7;
+  r.b.setFaults(f);
+  auto inf = r.cmd({7 | A24 | D16 | INC, 0, 0x200000, 3});
+  ASSERT_EQ(0u, word(inf, 0));
+  EXPECT_EQ(4u, word(inf, 1));
+  EXPECT_EQ(8u + 8u + 4u, inf.size()) << "the claimed count's data and the trailer follow";
+  f.inflateCode = 12;
+  r.b.setFaults(f);
+  r.wsWrite(0, "*IDN?\n");
+  auto rd = r.wsReadReady(0, 4);
+  EXPECT_EQ(5u, word(rd, 1));
+  EXPECT_EQ(8u + 5u, rd.size());
+  f = {};
+  f.busyTries = 2;
+  r.b.setFaults(f);
+  EXPECT_EQ(kTmo, r.st({15 | 16 << 8, 1, 0x1200}));
+  EXPECT_EQ(kTmo, r.st({15 | 16 << 8, 1, 0x1200}));
+  EXPECT_EQ(0u, r.st({15 | 16 << 8, 1, 0x1200}));
+  EXPECT_EQ(0, r.b.faults().busyTries);
+}
+
+TEST(BridgeConcurrency, SessionsWorkInParallelWithoutDisturbingEachOther) {
+  Rig r;
+  std::vector<std::thread> th;
+  std::atomic<int> bad{0};
+  for (uint32_t k = 0; k < 4; ++k)
+    th.emplace_back([&, k] {
+      HostId h{0x0100007F, 100 + k};
+      uint32_t base = 0x20000000 + k * 0x1000;  // the memory card's A32 window
+      for (uint32_t i = 0; i < 300; ++i) {
+        std::vector<uint8_t> c = words({8 | A32 | D32 | INC, 10, base, 4, i, i + 1, i + 2, i + 3});
+        if (word(r.cmd(c, h), 0) != 0) ++bad;
+        auto a = r.cmd(words({7 | A32 | D32 | INC, 10, base, 4}), h);
+        if (word(a, 0) != 0 || word(a, 1) != 4 || word(a, 2) != i || word(a, 5) != i + 3) ++bad;
+        if (k == 0) r.wsWrite(16, "*STB?\n");
+        if (k == 1) r.cmd(words({17, 0, 0x0100 | i}), h);
+      }
+    });
+  for (auto& t : th) t.join();
+  EXPECT_EQ(0, bad.load());
+  size_t pairs = 0;  // reports raised together may share one message
+  for (auto& rep : r.takeReports()) pairs += word(rep, 1);
+  EXPECT_EQ(300u, pairs);
+}

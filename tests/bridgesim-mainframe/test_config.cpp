@@ -1,0 +1,117 @@
+// Mainframes described by INI files.
+#include <fstream>
+
+#include "bsim.h"
+
+using namespace bsim;
+
+namespace {
+std::string source(const char* rel) { return std::string(KV_SOURCE_DIR) + "/tools/bridge-sim/mainframes/" + rel; }
+
+std::string writeIni(const std::string& name, const std::string& body) {
+  std::string path = ::testing::TempDir() + name;
+  std::ofstream(path) << body;
+  return path;
+}
+
+std::string refusal(const std::string& body) {
+  try {
+    bridgesim::Bridge b(writeIni("bad.ini", body));
+  } catch (const std::runtime_error& e) {
+    return e.what();
+  }
+  return "";
+}
+}  // namespace
+
+TEST(MainframeIni, DefaultFileDescribesTheBuiltInMainframe) {
+  bridgesim::Bridge builtIn, fromFile(source("default.ini"));
+  EXPECT_EQ(builtIn.resourceText(), fromFile.resourceText());
+  auto& a = builtIn.mainframe();
+  auto& b = fromFile.mainframe();
+  ASSERT_EQ(a.deviceCount(), b.deviceCount());
+  for (size_t i = 0; i < a.deviceCount(); ++i) {
+    const auto &x = a.device(i).spec(), &y = b.device(i).spec();
+    EXPECT_EQ(x.kind, y.kind) << x.name;
+    EXPECT_EQ(x.identity, y.identity) << x.name;
+    EXPECT_EQ(x.irqLine, y.irqLine) << x.name;
+    EXPECT_EQ(x.fifoOffset, y.fifoOffset) << x.name;
+    EXPECT_EQ(x.fifoSamples, y.fifoSamples) << x.name;
+    EXPECT_EQ(x.longword, y.longword) << x.name;
+    EXPECT_EQ(x.rampMemory, y.rampMemory) << x.name;
+    EXPECT_EQ(x.reading, y.reading) << x.name;
+  }
+}
+
+TEST(MainframeIni, SecondExampleWithFixedWindowsAndAFailedDevice) {
+  Rig r(source("example-2.ini"));
+  std::string t = r.b.resourceText();
+  EXPECT_NE(std::string::npos, t.find("NumInstr=5\n"));
+  EXPECT_NE(std::string::npos, t.find("INTF_NUM=2\nRSRC_NAME=VXI1::3::INSTR\n"));
+  EXPECT_NE(std::string::npos, t.find("VXI_LA=64\n"));
+  EXPECT_NE(std::string::npos, t.find("offsetA24=4194304\nsizeA24=65536\n"));
+  EXPECT_NE(std::string::npos, t.find("offsetA32=1073741824\nsizeA32=524288\n"));
+  auto s = r.cmd({3, 0});
+  EXPECT_EQ(3u, word(s, 1)) << "SYSFAIL from the device that failed its self-test";
+  uint32_t v = 0;
+  EXPECT_EQ(0u, r.read(A16, D16, cfg(65, 4), &v));
+  EXPECT_EQ(0u, v & 0x0004) << "Passed clear";
+  EXPECT_EQ(0u, r.read(A16, D16, cfg(65, 0), &v));
+  EXPECT_EQ(0x5F10u, v) << "extended class, A32";
+  // SYSFAIL inhibit silences it
+  EXPECT_EQ(0u, r.write(A16, D16, cfg(65, 4), 0x8002));
+  EXPECT_EQ(1u, word(r.cmd({3, 0}), 1));
+  // the acquisition card's FIFO at 0x30 with 16 samples
+  auto a = r.cmd({7 | A16 | D16, 0, cfg(64, 0x30), 20});
+  EXPECT_EQ(16u, word(a, 1));
+  EXPECT_EQ("Simulated,FastMeter,SIM5,1.0\n", r.query(5, "*IDN?\n"));
+  EXPECT_EQ("-5.000000E-01\n", r.query(5, "MEAS:VOLT?\n"));
+  r.wsWrite(3, "VOLT 2.5;OUTP ON\n");
+  EXPECT_EQ("+2.500000E+00;1\n", r.query(3, "VOLT?;OUTP?\n"));
+  r.wsWrite(3, "VOLT 99\n");
+  EXPECT_EQ("-222,\"Data out of range\"\n", r.query(3, "SYST:ERR?\n"));
+}
+
+TEST(MainframeIni, InconsistentDescriptionsAreRefusedWithTheReason) {
+  EXPECT_NE(std::string::npos, refusal("[A]\nLA=3\n[B]\nLA=3\n").find("share logical address 3"));
+  EXPECT_NE(std::string::npos, refusal("[A]\nLA=3\nCOLOUR=red\n").find("unknown key \"COLOUR\""));
+  EXPECT_NE(std::string::npos, refusal("[A]\nLA=300\n").find("LA"));
+  EXPECT_NE(std::string::npos, refusal("[A]\nSLOT=1\n").find("LA (logical address) is required"));
+  EXPECT_NE(std::string::npos, refusal("[A]\nLA=1\nCLASS=fancy\n").find("CLASS"));
+  EXPECT_NE(std::string::npos, refusal("[A]\nLA=1\nIRQ=0\n").find("IRQ"));
+  EXPECT_NE(std::string::npos, refusal("[A]\nLA=1\nFIFO=0x21\n").find("FIFO"));
+  EXPECT_NE(std::string::npos, refusal("[A]\nLA=1\nSPACE=A24\nM=5\nOFFSET=0x0021\n").find("aligned"));
+  EXPECT_NE(std::string::npos,
+            refusal("[A]\nLA=1\nSPACE=A24\nM=5\nOFFSET=0x2000\n[B]\nLA=2\nSPACE=A24\nM=1\nOFFSET=0x0000\n")
+                .find("overlapping"));
+  EXPECT_NE(std::string::npos, refusal("[A]\nLA=1\n[a]\nLA=2\n").find("twice"));
+  EXPECT_NE(std::string::npos, refusal("[MAINFRAME]\nINTF_NUM=0\n[A]\nLA=1\n").find("INTF_NUM"));
+  EXPECT_NE(std::string::npos, refusal("; nothing\n").find("no device"));
+  std::string many;
+  for (int i = 0; i < 65; ++i) many += "[D" + std::to_string(i) + "]\nLA=" + std::to_string(i) + "\n";
+  EXPECT_NE(std::string::npos, refusal(many).find("more than 64"));
+  EXPECT_THROW(bridgesim::Bridge(::testing::TempDir() + "no-such-mainframe.ini"), std::runtime_error);
+}
+
+TEST(MainframeIni, ResourceManagerPlacesWindowsAroundFixedOnes) {
+  Rig r(writeIni("place.ini",
+                 "[Fixed]\nLA=1\nSPACE=A24\nM=7\nOFFSET=0x2000\n"   // 64 KiB at 0x200000
+                 "[Big]\nLA=2\nSPACE=A24\nM=3\n"                   // 1 MiB, aligned: 0x300000
+                 "[Small]\nLA=3\nSPACE=A24\nM=7\nMEMORY=ramp\n"    // 64 KiB: 0x210000
+                 "[Huge]\nLA=4\nSPACE=A32\nM=0\n"));               // 2 GiB: 0x80000000
+  std::string t = r.b.resourceText();
+  EXPECT_NE(std::string::npos, t.find("VXI_LA=2\n"));
+  uint32_t v = 0;
+  EXPECT_EQ(0u, r.read(A16, D16, cfg(2, 6), &v));
+  EXPECT_EQ(0x3000u, v);
+  EXPECT_EQ(0u, r.read(A16, D16, cfg(3, 6), &v));
+  EXPECT_EQ(0x2100u, v);
+  EXPECT_EQ(0u, r.read(A16, D16, cfg(4, 6), &v));
+  EXPECT_EQ(0x8000u, v);
+  // 2 GiB of sparse memory: the far end works without making it all
+  EXPECT_EQ(0u, r.write(A32, D32, 0xFFFFFFFC, 0x01020304));
+  EXPECT_EQ(0u, r.read(A32, D32, 0xFFFFFFFC, &v));
+  EXPECT_EQ(0x01020304u, v);
+  EXPECT_EQ(0u, r.read(A24, D16, 0x210000 + 6, &v));
+  EXPECT_EQ(3u, v);
+}

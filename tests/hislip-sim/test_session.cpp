@@ -1,0 +1,316 @@
+// HiSLIP sessions with the simulated bridge: connect and reconnect, several
+// clients, queries over Data/DataEnd, pieces, status byte, device clear,
+// bridge commands and asynchronous events.
+#include "sim_fixture.h"
+
+using namespace simtest;
+
+namespace {
+
+// Events delivered by the receive threads.
+struct Event {
+  KvTcpInfo* rec;
+  unsigned char type;
+  std::vector<uint8_t> body;
+};
+std::mutex gEvMutex;
+std::vector<Event> gEvents;
+
+void onEvent(pKvTcpInfo r) {
+  Event e{r, r->hislipAsyncInMsg, {}};
+  if (e.type == 128) e.body.assign(r->hislipAsyncCmdData, r->hislipAsyncCmdData + 16);
+  std::lock_guard<std::mutex> g(gEvMutex);
+  gEvents.push_back(std::move(e));
+}
+
+size_t eventCount(unsigned char type) {
+  std::lock_guard<std::mutex> g(gEvMutex);
+  size_t n = 0;
+  for (auto& e : gEvents) n += e.type == type;
+  return n;
+}
+
+struct EventCapture {
+  EventCapture() {
+    std::lock_guard<std::mutex> g(gEvMutex);
+    gEvents.clear();
+    kvtcp_setCallback(onEvent);
+  }
+  ~EventCapture() { kvtcp_setCallback(nullptr); }
+};
+
+}  // namespace
+
+TEST(SimSession, ConnectQueryCloseAndConnectAgain) {
+  Sim sim;
+  KvTcpInfo* r = newRecord();
+  ASSERT_EQ(0, connectHislip(r));
+  EXPECT_EQ(1, r->Connected);
+  EXPECT_EQ(KVTCP_HISLIP, r->tcpType);
+  EXPECT_EQ(1, r->hislipModeOverlap);  // the simulator offers overlapped mode
+  ASSERT_TRUE(eventually([&] { return sim->sessionCount() == 1; }));
+
+  std::string a;
+  EXPECT_EQ(2, query(r, "*IDN?\n", &a));  // ended by DataEnd
+  EXPECT_EQ(kIdn, a);
+
+  kvtcp_Close(r);
+  EXPECT_EQ(0, r->Connected);
+  EXPECT_TRUE(eventually([&] { return sim->sessionCount() == 0; }));
+
+  // The same record connects again and gets a fresh session.
+  ASSERT_EQ(0, connectHislip(r));
+  EXPECT_EQ(2, query(r, "*IDN?\n", &a));
+  EXPECT_EQ(kIdn, a);
+  EXPECT_EQ(2u, sim->stats().sessionsOpened);
+  kvtcp_Close(r);
+}
+
+TEST(SimSession, SynchronizedModeIsTakenFromTheResponse) {
+  Sim sim("127.0.0.3");
+  sim.stop();
+  sim.opt.overlapMode = false;
+  sim.start();
+  KvTcpInfo* r = newRecord();
+  ASSERT_EQ(0, connectHislip(r, "127.0.0.3"));
+  EXPECT_EQ(0, r->hislipModeOverlap);
+  kvtcp_Close(r);
+}
+
+TEST(SimSession, SimulatorStoppedAndRestarted) {
+  Sim sim;
+  KvTcpInfo* r = newRecord();
+  ASSERT_EQ(0, connectHislip(r));
+  std::string a;
+  ASSERT_EQ(2, query(r, "*IDN?\n", &a));
+
+  sim.stop();
+  // The session is gone: the exchange fails with a transport status, at once
+  // or after its time-out, and does not hang.
+  int st = query(r, "*IDN?\n", &a, 500);
+  EXPECT_TRUE(st == kLost || st == kTimeout) << std::hex << st;
+  // While nothing listens, a connect is refused.
+  KvTcpInfo* other = newRecord();
+  EXPECT_EQ(kNotFound, connectHislip(other));
+  EXPECT_EQ(0, other->Connected);
+
+  kvtcp_Close(r);
+  sim.start();
+  ASSERT_EQ(0, connectHislip(r));
+  ASSERT_EQ(2, query(r, "*IDN?\n", &a));
+  EXPECT_EQ(kIdn, a);
+  kvtcp_Close(r);
+}
+
+TEST(SimSession, SeveralClientsAtOnce) {
+  Sim sim;
+  constexpr int kClients = 4, kRounds = 25;
+  std::atomic<int> good{0};
+  std::vector<std::thread> th;
+  for (int c = 0; c < kClients; c++) {
+    th.emplace_back([&, c] {
+      KvTcpInfo* r = newRecord();
+      if (connectHislip(r) != 0) return;
+      for (int i = 0; i < kRounds; i++) {
+        std::string a;
+        // Alternate two queries so that a mixed-up answer would show.
+        bool idn = (i + c) % 2 == 0;
+        int st = query(r, idn ? "*IDN?\n" : "*OPC?\n", &a);
+        if (st == 2 && a == (idn ? kIdn : std::string("1\n"))) good++;
+      }
+      kvtcp_Close(r);
+    });
+  }
+  for (auto& t : th) t.join();
+  EXPECT_EQ(kClients * kRounds, good.load());
+  EXPECT_EQ((uint64_t)kClients, sim->stats().sessionsOpened);
+}
+
+TEST(SimSession, CompoundQueriesAndErrorQueue) {
+  Sim sim;
+  KvTcpInfo* r = newRecord();
+  ASSERT_EQ(0, connectHislip(r));
+  std::string a;
+  EXPECT_EQ(2, query(r, "*IDN?;*OPC?\n", &a));
+  EXPECT_EQ(std::string(bridgesim::kIdentity) + ";1\n", a);
+  // A command without answer, then an unknown header fills the error queue.
+  std::vector<char> w = {'*', 'C', 'L', 'S', '\n', 0, 0, 0};
+  int n = 0;
+  EXPECT_EQ(0, kvtcp_Write(r, kTmo, w.data(), 5, KVTCP_FLAG_END, &n));
+  EXPECT_EQ(5, n);
+  std::vector<char> bad = {'B', 'O', 'G', 'U', 'S', '\n', 0, 0};
+  EXPECT_EQ(0, kvtcp_Write(r, kTmo, bad.data(), 6, KVTCP_FLAG_END, &n));
+  EXPECT_EQ(2, query(r, "SYST:ERR?\n", &a));
+  EXPECT_EQ("-113,\"Undefined header\"\n", a);
+  EXPECT_EQ(2, query(r, "SYST:ERR?\n", &a));
+  EXPECT_EQ("0,\"No error\"\n", a);
+  kvtcp_Close(r);
+}
+
+TEST(SimSession, MessageWrittenInPartsIsExecutedOnDataEnd) {
+  Sim sim;
+  KvTcpInfo* r = newRecord();
+  ASSERT_EQ(0, connectHislip(r));
+  char p1[16] = "*ID", p2[16] = "N?\n";
+  int n = 0;
+  ASSERT_EQ(0, kvtcp_Write(r, kTmo, p1, 3, 0, &n));  // Data
+  ASSERT_EQ(0, kvtcp_Write(r, kTmo, p2, 3, KVTCP_FLAG_END, &n));  // DataEnd
+  char buf[128] = {0};
+  EXPECT_EQ(2, kvtcp_Read(r, kTmo, buf, 100, KVTCP_FLAG_END, 0, &n));
+  EXPECT_EQ(kIdn, std::string(buf, (size_t)n));
+  kvtcp_Close(r);
+}
+
+TEST(SimSession, AnswerReadInPieces) {
+  Sim sim;
+  KvTcpInfo* r = newRecord();
+  ASSERT_EQ(0, connectHislip(r));
+  char q[16] = "*IDN?\n";
+  int n = 0;
+  ASSERT_EQ(0, kvtcp_Write(r, kTmo, q, 6, KVTCP_FLAG_END, &n));
+  std::string got;
+  std::vector<int> results;
+  for (int i = 0; i < 10; i++) {
+    char piece[10];
+    int st = kvtcp_Read(r, kTmo, piece, 10, KVTCP_FLAG_END, 0, &n);
+    ASSERT_GE(st, 0);
+    ASSERT_LE(n, 10);
+    got.append(piece, (size_t)n);
+    results.push_back(st);
+    if (st == 2) break;
+  }
+  EXPECT_EQ(kIdn, got);
+  // Every piece but the last reports "more to come".
+  ASSERT_EQ((kIdn.size() + 9) / 10, results.size());
+  for (size_t i = 0; i + 1 < results.size(); i++) EXPECT_EQ(0, results[i]);
+  EXPECT_EQ(0, r->hislipInHdr.msg);  // the message is finished
+
+  // The termination character ends a read at the end of a message too.
+  ASSERT_EQ(0, kvtcp_Write(r, kTmo, q, 6, KVTCP_FLAG_END, &n));
+  char all[128];
+  EXPECT_EQ(2, kvtcp_Read(r, kTmo, all, 128, KVTCP_FLAG_EOS, '\n', &n));  // DataEnd wins over eos
+  kvtcp_Close(r);
+}
+
+TEST(SimSession, StatusByteAndDeviceClear) {
+  Sim sim;
+  KvTcpInfo* r = newRecord();
+  ASSERT_EQ(0, connectHislip(r));
+  ViUInt16 stb = 0;
+  // The value delivered is taken from the slot after the exchange.
+  EXPECT_EQ(0, kvtcp_ReadSTB(r, kTmo, &stb));
+  EXPECT_EQ(0xFFFF, stb);
+  EXPECT_EQ(0, kvtcp_ReadSTB(r, kTmo, &stb));
+
+  std::string a;
+  ASSERT_EQ(2, query(r, "*IDN?\n", &a));
+  EXPECT_NE((int)0xFFFFFF00u, r->hislipOutMesageID);
+  EXPECT_EQ(0, kvtcp_Clear(r, kTmo));
+  EXPECT_EQ((int)0xFFFFFF00u, r->hislipOutMesageID);
+  for (int i = 0; i < KVTCP_ASYNC_SLOTS; i++) EXPECT_EQ(0, r->hislipAsyncIn[i].msg) << i;
+  // The session goes on after the clear.
+  ASSERT_EQ(2, query(r, "*IDN?\n", &a));
+  EXPECT_EQ(kIdn, a);
+  kvtcp_Close(r);
+}
+
+TEST(SimSession, BridgeCommandRoundTrip) {
+  Sim sim;
+  KvTcpInfo* r = newRecord();
+  ASSERT_EQ(0, connectHislip(r));
+  sim->clearReceived();
+  std::vector<uint8_t> ans;
+  // System state (command 3): an 8-byte command.
+  ASSERT_GE(bridgeCommand(r, {3, 0}, &ans), 0);
+  ASSERT_GE(ans.size(), 4u);
+  EXPECT_EQ(0u, ans.size() % 4);
+  auto rec = sim->receivedCommands();
+  ASSERT_EQ(1u, rec.size());
+  EXPECT_EQ((std::vector<uint8_t>{3, 0, 0, 0, 0, 0, 0, 0}), rec[0]);
+  // Interleaved with instrument data on the same channel.
+  std::string a;
+  ASSERT_EQ(2, query(r, "*IDN?\n", &a));
+  EXPECT_EQ(kIdn, a);
+
+  if (!sim.hasMainframe()) {
+    kvtcp_Close(r);
+    GTEST_SKIP() << "the bridge has no mainframe model yet (every command answers a negative status)";
+  }
+  EXPECT_EQ(8u, ans.size());
+  EXPECT_EQ(0u, le32(ans, 0));
+
+  // Resource text (command 16): status word, then the text the bridge holds.
+  ASSERT_GE(bridgeCommand(r, {16, 0}, &ans, 65536), 0);
+  ASSERT_GE(ans.size(), 4u);
+  EXPECT_EQ(0u, le32(ans, 0));
+  std::string text(ans.begin() + 4, ans.end());
+  while (!text.empty() && text.back() == '\0') text.pop_back();  // word padding
+  EXPECT_EQ(sim->bridge().resourceText(), text);
+  kvtcp_Close(r);
+}
+
+TEST(SimSession, ServiceRequestAndInterruptReachTheCallback) {
+  Sim sim;
+  EventCapture ev;
+  KvTcpInfo* r = newRecord();
+  ASSERT_EQ(0, connectHislip(r));
+  ASSERT_TRUE(eventually([&] { return sim->sessionCount() == 1; }));
+
+  sim->sendServiceRequest();
+  ASSERT_TRUE(eventually([] { return eventCount(20) == 1; }));
+  {
+    std::lock_guard<std::mutex> g(gEvMutex);
+    EXPECT_EQ(r, gEvents[0].rec);
+  }
+
+  sim->sendInterrupt(3, 0xFE18);
+  ASSERT_TRUE(eventually([] { return eventCount(128) == 1; }));
+  {
+    std::lock_guard<std::mutex> g(gEvMutex);
+    const Event& e = gEvents.back();
+    EXPECT_EQ(128, e.type);
+    EXPECT_EQ(r, e.rec);
+    EXPECT_EQ(1u, le32(e.body, 0));  // interrupt report
+    EXPECT_EQ(1u, le32(e.body, 4));  // one pair
+    EXPECT_EQ(3u, le32(e.body, 8));
+    EXPECT_EQ(0xFE18u, le32(e.body, 12));
+  }
+  // The channel still serves status queries afterwards.
+  ViUInt16 stb = 0;
+  EXPECT_EQ(0, kvtcp_ReadSTB(r, kTmo, &stb));
+  std::string a;
+  EXPECT_EQ(2, query(r, "*IDN?\n", &a));
+  kvtcp_Close(r);
+}
+
+TEST(SimSession, ServiceRequestRaisedByTheInstrument) {
+  Sim sim;
+  EventCapture ev;
+  KvTcpInfo* r = newRecord();
+  ASSERT_EQ(0, connectHislip(r));
+  // Enable the error-queue bit for service requests, then cause an error.
+  std::string a;
+  char sre[16] = "*SRE 4\n";
+  int n = 0;
+  ASSERT_EQ(0, kvtcp_Write(r, kTmo, sre, 7, KVTCP_FLAG_END, &n));
+  char bad[16] = "NOPE\n";
+  ASSERT_EQ(0, kvtcp_Write(r, kTmo, bad, 5, KVTCP_FLAG_END, &n));
+  EXPECT_TRUE(eventually([] { return eventCount(20) == 1; }));
+  EXPECT_EQ(2, query(r, "*STB?\n", &a));
+  EXPECT_EQ("68\n", a);  // RQS/MSS and the error-queue bit
+  kvtcp_Close(r);
+}
+
+TEST(SimSession, FloodOfInterruptsBeforeAnAnswer) {
+  Sim sim;
+  EventCapture ev;
+  KvTcpInfo* r = newRecord();
+  ASSERT_EQ(0, connectHislip(r));
+  sim->updateFaults([](bridgesim::HislipFaults& f) { f.floodAsync = 50; });
+  std::string a;
+  EXPECT_EQ(2, query(r, "*IDN?\n", &a));
+  EXPECT_EQ(kIdn, a);
+  EXPECT_TRUE(eventually([] { return eventCount(128) == 50; }));
+  EXPECT_EQ(2, query(r, "*IDN?\n", &a));
+  kvtcp_Close(r);
+}
