@@ -251,7 +251,7 @@ TEST_F(HostTool, WordSerialQuery) {
   EXPECT_NE(std::string::npos, out.find("wrote 6 byte(s)  [VI_SUCCESS")) << out;
   // maker,model,serial,firmware (the line feed is shown escaped)
   // A read that ends on END reports a positive (success) status.
-  static const std::regex idn("\"[^\",]+,[^\",]+,[^\",]+,[^\",]+(\\\\n)?\"  \\[(VI_SUCCESS|status 0x)");
+  static const std::regex idn("\"[^\",]+,[^\",]+,[^\",]+,[^\",]+(\\\\n)?\"  \\[(VI_SUCCESS|ended at END)");
   EXPECT_TRUE(std::regex_search(out, idn)) << out;
 }
 

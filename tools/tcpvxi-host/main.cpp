@@ -43,7 +43,8 @@ int main(int argc, char** argv) {
   CLI::App app{
       "tcpvxi-host: load libtcpvxi.so the way a VISA library does and run its operations.\n"
       "Without -c or --script it reads commands from standard input (a prompt on a terminal).\n"
-      "Type 'help' for the command list."};
+      "Type 'help' for the command list.  In scripts, a line starting with '!' is a command\n"
+      "that is expected to fail."};
   std::string lib = KV_DEFAULT_LIB;
   std::vector<std::string> cmds;
   std::string script;
@@ -79,7 +80,13 @@ int main(int argc, char** argv) {
       t.erase(0, t.find_first_not_of(" \t"));
       if (!t.empty() && t[0] != '#') printf("> %s\n", t.c_str());
     }
-    if (!host::runCommand(s, l)) {
+    // A leading '!' marks a command that is expected to fail (a script that
+    // shows an error case); it counts as a failure only if it succeeds.
+    size_t first = l.find_first_not_of(" \t");
+    bool expectFail = first != std::string::npos && l[first] == '!';
+    if (expectFail) l.erase(first, 1);
+    if (host::runCommand(s, l) == expectFail) {
+      if (expectFail) fprintf(stderr, "expected this command to fail\n");
       failures++;
       if (!keepGoing && (!script.empty() || !cmds.empty())) s.quit = true;
     }
