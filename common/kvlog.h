@@ -31,4 +31,10 @@ KV_EXPORT extern kvFRSpyLog_t pkvFRSpyLog;
     if (pkvFSpyLog) pkvFSpyLog(1, __FILE__ "(%d) %s: " fmt, __LINE__, __func__, ##__VA_ARGS__); \
   } while (0)
 
+// Driver, on behalf of an entry point whose name is given (shared helpers).
+#define VINTF_LOG_AS(func, fmt, ...)                                                      \
+  do {                                                                                   \
+    if (pkvFSpyLog) pkvFSpyLog(1, __FILE__ "(%d) %s: " fmt, __LINE__, func, ##__VA_ARGS__); \
+  } while (0)
+
 #endif

@@ -370,17 +370,23 @@ ViStatus vintfMoveIn8(ViUInt16 intfIdx, ViUInt32 mode, ViUInt16 adrmap, ViUInt16
   return st;
 }
 
-ViStatus vintfMoveIn16(ViUInt16 intfIdx, ViUInt32 mode, ViUInt16 adrmap, ViUInt16 increment, ViBusAddress offset,
-                       ViBusSize count, ViUInt16* buff) {
+namespace {
+
+// The swapped 16- and 32-bit block reads: read, then swap with the one-element
+// shift (whatever the status).
+template <class T>
+ViStatus moveInSwapped(const char* fn, ViUInt16 intfIdx, ViUInt32 mode, ViUInt16 adrmap, ViUInt16 increment,
+                       ViBusAddress offset, ViBusSize count, T* buff,
+                       int (*readBlk)(PINTFINFO, ViUInt32, ViUInt32, ViUInt32, ViBoolean, T*, ViUInt32)) {
   util_mutex_lock(hMutexTcpVxiRM, TCPVXI_LOCK_TMO);
   ViStatus st = VI_ERROR_SYSTEM_ERROR;
   if (PINTFINFO intf = pickIntf(intfIdx)) {
-    VINTF_LOG("intf%d\n", intfIdx);
+    VINTF_LOG_AS(fn, "intf%d\n", intfIdx);
     ViUInt32 n = (ViUInt32)count;
     if (n && !buff) {
       st = VI_ERROR_USER_BUF;
     } else {
-      st = ReadBlkD16(intf, (ViUInt32)offset, adrmap, mode & kPrivMask, increment != 0, buff, n);
+      st = readBlk(intf, (ViUInt32)offset, adrmap, mode & kPrivMask, increment != 0, buff, n);
       if (mode & kSwapBit) swapShifted(buff, n);
     }
   }
@@ -388,22 +394,16 @@ ViStatus vintfMoveIn16(ViUInt16 intfIdx, ViUInt32 mode, ViUInt16 adrmap, ViUInt1
   return st;
 }
 
+}  // namespace
+
+ViStatus vintfMoveIn16(ViUInt16 intfIdx, ViUInt32 mode, ViUInt16 adrmap, ViUInt16 increment, ViBusAddress offset,
+                       ViBusSize count, ViUInt16* buff) {
+  return moveInSwapped<ViUInt16>(__func__, intfIdx, mode, adrmap, increment, offset, count, buff, ReadBlkD16);
+}
+
 ViStatus vintfMoveIn32(ViUInt16 intfIdx, ViUInt32 mode, ViUInt16 adrmap, ViUInt16 increment, ViBusAddress offset,
                        ViBusSize count, ViUInt32* buff) {
-  util_mutex_lock(hMutexTcpVxiRM, TCPVXI_LOCK_TMO);
-  ViStatus st = VI_ERROR_SYSTEM_ERROR;
-  if (PINTFINFO intf = pickIntf(intfIdx)) {
-    VINTF_LOG("intf%d\n", intfIdx);
-    ViUInt32 n = (ViUInt32)count;
-    if (n && !buff) {
-      st = VI_ERROR_USER_BUF;
-    } else {
-      st = ReadBlkD32(intf, (ViUInt32)offset, adrmap, mode & kPrivMask, increment != 0, buff, n);
-      if (mode & kSwapBit) swapShifted(buff, n);
-    }
-  }
-  util_mutex_unlock(hMutexTcpVxiRM);
-  return st;
+  return moveInSwapped<ViUInt32>(__func__, intfIdx, mode, adrmap, increment, offset, count, buff, ReadBlkD32);
 }
 
 ViStatus vintfMoveOut8(ViUInt16 intfIdx, ViUInt32 mode, ViUInt16 adrmap, ViUInt16 increment, ViBusAddress offset,
@@ -424,7 +424,7 @@ namespace {
 
 // The swapped 16- and 32-bit block writes send a swapped copy (no shift here).
 template <class T>
-ViStatus moveOutSwapped(ViUInt16 intfIdx, ViUInt32 mode, ViUInt16 adrmap, ViUInt16 increment, ViBusAddress offset,
+ViStatus moveOutSwapped(const char* fn, ViUInt16 intfIdx, ViUInt32 mode, ViUInt16 adrmap, ViUInt16 increment, ViBusAddress offset,
                         ViBusSize count, T* buff,
                         int (*writeBlk)(PINTFINFO, ViUInt32, ViUInt32, ViUInt32, ViBoolean, T*, ViUInt32)) {
   util_mutex_lock(hMutexTcpVxiRM, TCPVXI_LOCK_TMO);
@@ -450,7 +450,7 @@ ViStatus moveOutSwapped(ViUInt16 intfIdx, ViUInt32 mode, ViUInt16 adrmap, ViUInt
       copy[i] = sizeof(T) == 2 ? (T)swap16((ViUInt16)buff[i]) : (T)swap32((ViUInt32)buff[i]);
     data = copy;
   }
-  VINTF_LOG("intf%d\n", intfIdx);
+  VINTF_LOG_AS(fn, "intf%d\n", intfIdx);
   ViStatus st = writeBlk(intf, (ViUInt32)offset, adrmap, mode & kPrivMask, increment != 0, data, n);
   free(copy);
   util_mutex_unlock(hMutexTcpVxiRM);
@@ -461,12 +461,12 @@ ViStatus moveOutSwapped(ViUInt16 intfIdx, ViUInt32 mode, ViUInt16 adrmap, ViUInt
 
 ViStatus vintfMoveOut16(ViUInt16 intfIdx, ViUInt32 mode, ViUInt16 adrmap, ViUInt16 increment, ViBusAddress offset,
                         ViBusSize count, ViUInt16* buff) {
-  return moveOutSwapped<ViUInt16>(intfIdx, mode, adrmap, increment, offset, count, buff, WriteBlkD16);
+  return moveOutSwapped<ViUInt16>(__func__, intfIdx, mode, adrmap, increment, offset, count, buff, WriteBlkD16);
 }
 
 ViStatus vintfMoveOut32(ViUInt16 intfIdx, ViUInt32 mode, ViUInt16 adrmap, ViUInt16 increment, ViBusAddress offset,
                         ViBusSize count, ViUInt32* buff) {
-  return moveOutSwapped<ViUInt32>(intfIdx, mode, adrmap, increment, offset, count, buff, WriteBlkD32);
+  return moveOutSwapped<ViUInt32>(__func__, intfIdx, mode, adrmap, increment, offset, count, buff, WriteBlkD32);
 }
 
 // ------------------------------------------------------------ general move
