@@ -282,7 +282,8 @@ bool wsRead(Session& s, uint16_t intf, uint32_t instr, int max) {
   ViInt32 got = 0;
   ViStatus st = s.drv.wsRd(intf, instr, s.wsTimeout, buf.data(), max, 2, '\n', &got);
   size_t n = got < 0 ? 0 : std::min<size_t>((size_t)got, (size_t)max);
-  std::string text = "\"" + printable(buf.data(), n) + "\"";
+  std::string text(1, '"');
+  text.append(printable(buf.data(), n)).push_back('"');
   // Positive statuses of a read tell why it ended.
   if (st > 0) {
     std::lock_guard<std::mutex> g(g_out);
