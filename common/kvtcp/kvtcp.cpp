@@ -84,18 +84,25 @@ void kvtcp_setCallback(kvtcpEventHandler cb) { user_callback = cb; }
 
 namespace {
 std::mutex g_threadMutex;
-std::multiset<const KvTcpInfo*> g_threadRecords;  // records with a live receive thread
+// Records with a live receive thread.  Receive threads are detached and may
+// still be leaving while the process runs its exit handlers, so the set is
+// never destroyed: a static object's destructor would free it under them.
+std::multiset<const KvTcpInfo*>& threadRecords() {
+  static auto* records = new std::multiset<const KvTcpInfo*>;
+  return *records;
+}
 }  // namespace
 
 void kvtcp_ThreadEnter(const KvTcpInfo* intf) {
   std::lock_guard<std::mutex> g(g_threadMutex);
-  g_threadRecords.insert(intf);
+  threadRecords().insert(intf);
 }
 
 void kvtcp_ThreadLeave(const KvTcpInfo* intf) {
   std::lock_guard<std::mutex> g(g_threadMutex);
-  auto it = g_threadRecords.find(intf);
-  if (it != g_threadRecords.end()) g_threadRecords.erase(it);
+  auto& records = threadRecords();
+  auto it = records.find(intf);
+  if (it != records.end()) records.erase(it);
 }
 
 int kvtcp_WaitThreadGone(const KvTcpInfo* intf, ViUInt32 ms) {
@@ -103,7 +110,7 @@ int kvtcp_WaitThreadGone(const KvTcpInfo* intf, ViUInt32 ms) {
   for (;;) {
     {
       std::lock_guard<std::mutex> g(g_threadMutex);
-      if (g_threadRecords.find(intf) == g_threadRecords.end()) return 1;
+      if (threadRecords().count(intf) == 0) return 1;
     }
     if (util_timer_ms() - start > ms) return 0;
     usleep(1000);

@@ -2,7 +2,6 @@
 #include "bsim.h"
 
 using namespace bsim;
-using bridgesim::Space;
 
 TEST(BridgeRegisters, ConfigurationRegistersFollowTheVxiLayout) {
   Rig r;
@@ -87,35 +86,6 @@ TEST(BridgeMemory, BusIsBigEndianAndAllWidthsSeeTheSameBytes) {
   EXPECT_EQ(0u, r.st({6 | A32 | D16, 1000, base + 8, 0x7777}));
   EXPECT_EQ(0u, r.read(A32, D16, base + 8, &v));
   EXPECT_EQ(0x7777u, v);
-}
-
-TEST(BridgeMemory, CommandWordDecodesToTheRightBusCycle) {
-  Rig r;
-  uint32_t v = 0;
-  struct Case {
-    uint32_t mods, addr;
-    Space sp;
-    unsigned width;
-    uint8_t am;
-  } cases[] = {
-      {A16 | D16 | 0x10000, cfg(0, 0), Space::A16, 2, 0x29},  // data, non-privileged
-      {A16 | D16, cfg(0, 0), Space::A16, 2, 0x2D},            // data, privileged
-      {A24 | D08 | 0x10000, 0x200000, Space::A24, 1, 0x39},
-      {A24 | D32 | 0x30000, 0x200000, Space::A24, 4, 0x3A},   // program, non-privileged
-      {A24 | D32 | 0x04000000, 0x200000, Space::A24, 4, 0x3F},  // block, privileged
-      {A32 | D16 | 0x20000, 0x20000000, Space::A32, 2, 0x0E},   // program, privileged
-      {A32 | D16 | 0x04010000, 0x20000000, Space::A32, 2, 0x0B},
-  };
-  for (const auto& c : cases) {
-    auto a = r.cmd({4 | c.mods, 0, c.addr});
-    EXPECT_EQ(0u, word(a, 0));
-    auto cyc = r.b.mainframe().lastCycle();
-    EXPECT_EQ(c.sp, cyc.space);
-    EXPECT_EQ(c.width, cyc.width);
-    EXPECT_EQ(c.am, cyc.am) << std::hex << c.mods;
-    EXPECT_EQ(c.addr, cyc.address);
-  }
-  (void)v;
 }
 
 TEST(BridgeBlocks, IncrementingReadAndWriteWithPaddingAndTrailer) {

@@ -26,26 +26,6 @@ std::string slowMeterIni() {
 }
 }  // namespace
 
-TEST(WordSerial, QueryAndAnswerWithEnd) {
-  Rig r;
-  auto w = r.wsWrite(kDmm, "*IDN?\n");
-  EXPECT_EQ((std::vector<uint8_t>(words({0, 6}))), w);
-  auto a = r.wsReadReady(kDmm, 256, 0x02000000);
-  EXPECT_EQ(2u, word(a, 0)) << "ended at END";
-  EXPECT_EQ("Simulated,VXI Multimeter 6.5,SIM1016,2.1\n", text(a));
-  EXPECT_EQ(kTmo, word(r.wsRead(kDmm, 256), 0)) << "nothing more to read";
-  // the bridge itself answers at logical address 0 too
-  EXPECT_EQ("Simulated,LAN-VXI Bridge,SIM0001,1.0\n", r.query(0, "*IDN?\n"));
-}
-
-TEST(WordSerial, MessageInPiecesOnlyRunsAtEnd) {
-  Rig r;
-  EXPECT_EQ(0u, word(r.wsWrite(kDmm, "*ID", false), 0));
-  EXPECT_EQ(kTmo, word(r.wsRead(kDmm, 10), 0));
-  EXPECT_EQ(0u, word(r.wsWrite(kDmm, "N?\n", true), 0));
-  EXPECT_EQ("Simulated,VXI Multimeter 6.5,SIM1016,2.1\n", text(r.wsReadReady(kDmm, 256)));
-}
-
 TEST(WordSerial, ReadsStopAtCountAtEosAndAtEnd) {
   Rig r;
   r.wsWrite(kCounter, "*IDN?\n");

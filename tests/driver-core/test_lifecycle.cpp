@@ -181,20 +181,6 @@ TEST_F(DrvLifecycle, SystemStateBits) {
   EXPECT_EQ(0, v);
 }
 
-TEST_F(DrvLifecycle, ReopenAfterTheBridgeRestarts) {
-  open(2);
-  a.reset();  // the bridge goes away ...
-  a = std::make_unique<mb::Bridge>("127.0.0.2");  // ... and comes back
-  ASSERT_TRUE(a->ok());
-  EXPECT_EQ(0, vintfTryReopenDevice(0));
-  EXPECT_EQ(1, Interfaces[0].kvtcp.Connected);
-  EXPECT_TRUE(mutexFree());
-  ASSERT_FALSE(a->commands().empty());
-  EXPECT_EQ(1u, mb::word(a->commands()[0], 0)) << "the lock follows the connect";
-  ViInt16 v;
-  EXPECT_EQ(0, vintfGetSysState(0, &v));
-}
-
 TEST_F(DrvLifecycle, ReopenAgainstABridgeThatIsGone) {
   open(2);
   a.reset();

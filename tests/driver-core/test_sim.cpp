@@ -89,35 +89,3 @@ TEST_F(DrvSimulator, InterruptsReachTheHost) {
   ASSERT_TRUE(waitEvents(1));
   EXPECT_EQ(0xCD00u | la, events()[0].statID & 0xFFFF);
 }
-
-TEST_F(DrvSimulator, ReopenAfterRestart) {
-  sim->stop();
-  sim.reset();
-  sim = startSim("127.0.0.2");
-  EXPECT_EQ(0, vintfTryReopenDevice(0));
-  EXPECT_EQ(1, Interfaces[0].kvtcp.Connected);
-  EXPECT_TRUE(mutexFree());
-  ViInt16 state = -5;
-  EXPECT_GE(vintfGetSysState(0, &state), 0);
-  EXPECT_GE(state, 0);
-}
-
-TEST(DrvSimulatorFaults, BridgeThatRefusesTheLockIsNotListed) {
-  resetDriver();
-  auto sim = startSim("127.0.0.2");
-  bridgesim::CommandFaults f;
-  f.statusCode = 1;
-  f.forcedStatus = (int32_t)0xBFFF000F;
-  sim->setCommandFaults(f);
-  writeResman(resmanFor({"127.0.0.2"}));
-  tcpvxi_start();
-  uint16_t n = 0xFFFF;
-  EXPECT_EQ(0, vintfOpenDevice(&n));
-  EXPECT_EQ(0, n);
-  EXPECT_EQ(-1, tcpvxiGD->NIntf);
-  EXPECT_EQ(0, Interfaces[0].kvtcp.Connected);
-  auto c = sim->receivedCommands();
-  ASSERT_EQ(1u, c.size()) << "the lock, and no text request after it";
-  EXPECT_EQ(1u, c[0][0]);
-  resetDriver();
-}

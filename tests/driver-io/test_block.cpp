@@ -54,36 +54,6 @@ TEST_F(DriverIo, MoveIn8ChunksWithTheEightBitTimeOut) {
   EXPECT_EQ(data, back);
 }
 
-TEST_F(DriverIo, SixteenBitMovesBothDirectionsAndOddCounts) {
-  for (size_t n : {1u, 3u, 32760u, 32761u, 70001u}) {
-    auto data = randomData<ViUInt16>(n, (unsigned)n);
-    srv->clearCommands();
-    ASSERT_EQ(0, vintfMoveOut16(0, 0, 3, 1, 0x01000002, n, data.data()));
-    EXPECT_EQ((n + 32759) / 32760, cmds().size());
-    std::vector<ViUInt16> back(n);
-    ASSERT_EQ(0, vintfMoveIn16(0, 0, 3, 1, 0x01000002, n, back.data()));
-    EXPECT_EQ(data, back) << n;
-    // Block and single accesses agree on the bus layout.
-    ViUInt16 last = 0;
-    ASSERT_EQ(0, vintfIn16(0, 0, 3, 0x01000002 + 2 * (n - 1), &last));
-    EXPECT_EQ(data[n - 1], last);
-  }
-}
-
-TEST_F(DriverIo, FifoMovesKeepTheAddressAndOrder) {
-  auto data = randomData<ViUInt16>(40000, 3);
-  ASSERT_EQ(0, vintfMoveOut16(0, 0, 2, 0, 0x200, 40000, data.data()));
-  auto c = cmds();
-  ASSERT_EQ(2u, c.size());
-  for (auto& m : c) {
-    EXPECT_EQ(0u, W(m, 0) & 0x08000000u);
-    EXPECT_EQ(0x200u, W(m, 2));
-  }
-  std::vector<ViUInt16> back(40000);
-  ASSERT_EQ(0, vintfMoveIn16(0, 0, 2, 0, 0x200, 40000, back.data()));
-  EXPECT_EQ(data, back);
-}
-
 TEST_F(DriverIo, ZeroCountSendsNothing) {
   ViUInt32 w = 0;
   EXPECT_EQ(0, vintfMoveIn32(0, 0x80000000u, 2, 1, 0, 0, &w));
@@ -162,62 +132,6 @@ TEST_F(DriverIo, NegativeChunkStatusStopsTheMove) {
   std::vector<ViUInt8> d(200000);
   EXPECT_EQ((ViStatus)0xBFFF003E, vintfMoveOut8(0, 0, 2, 1, 0, d.size(), d.data()));
   EXPECT_EQ(2u, cmds().size());
-}
-
-TEST_F(DriverIo, MoveChoosesBlocksOnlyForContiguousSameWidthMemory) {
-  std::vector<ViUInt16> src = {1, 2, 3, 4};
-  // Same widths, memory increments: one block write, bus side without increment
-  // sent without bit 27.
-  ASSERT_EQ(0, vintfMove(0, 0, 0, 1, (ViBusAddress)(uintptr_t)src.data(), 2, 0, 2, 0, 0x300, 2, 4));
-  auto c = cmds();
-  ASSERT_EQ(1u, c.size());
-  EXPECT_EQ(8u, W(c[0], 0) & 0xFF);
-  EXPECT_EQ(0u, W(c[0], 0) & 0x08000000u);
-
-  // Memory that does not increment: element by element, single writes.
-  srv->clearCommands();
-  ASSERT_EQ(0, vintfMove(0, 0, 0, 0, (ViBusAddress)(uintptr_t)src.data(), 2, 0, 2, 1, 0x400, 2, 4));
-  c = cmds();
-  ASSERT_EQ(4u, c.size());
-  for (size_t i = 0; i < 4; i++) {
-    EXPECT_EQ(5u | 0x00800000u | 0x00080000u | 0x00010000u, W(c[i], 0));
-    EXPECT_EQ(0x400u + 2 * i, W(c[i], 2));
-    EXPECT_EQ(1u, W(c[i], 3));
-  }
-
-  // Different widths: single 32-bit writes of the 16-bit values.
-  srv->clearCommands();
-  ASSERT_EQ(0, vintfMove(0, 0, 0, 1, (ViBusAddress)(uintptr_t)src.data(), 2, 0, 3, 1, 0x500, 4, 4));
-  c = cmds();
-  ASSERT_EQ(4u, c.size());
-  EXPECT_EQ(0x01000000u, W(c[3], 0) & 0x01C00000u);
-  EXPECT_EQ(4u, W(c[3], 3));
-  EXPECT_EQ(0x50Cu, W(c[3], 2));
-
-  // Bus to memory, same width, incrementing memory: one block read.
-  srv->clearCommands();
-  std::vector<ViUInt32> dst(4);
-  ASSERT_EQ(0, vintfMove(0, 0, 3, 1, 0x500, 4, 0, 0, 1, (ViBusAddress)(uintptr_t)dst.data(), 4, 4));
-  c = cmds();
-  ASSERT_EQ(1u, c.size());
-  EXPECT_EQ(7u, W(c[0], 0) & 0xFF);
-  EXPECT_EQ((std::vector<ViUInt32>{1, 2, 3, 4}), dst);
-
-  // Bus to memory, different widths: single reads, stored narrowed.
-  srv->clearCommands();
-  std::vector<ViUInt8> narrow(4);
-  ASSERT_EQ(0, vintfMove(0, 0, 3, 1, 0x500, 4, 0, 0, 1, (ViBusAddress)(uintptr_t)narrow.data(), 1, 4));
-  EXPECT_EQ(4u, cmds().size());
-  EXPECT_EQ((std::vector<ViUInt8>{1, 2, 3, 4}), narrow);
-
-  // Bus to bus: a read and a write per element.
-  srv->clearCommands();
-  ASSERT_EQ(0, vintfMove(0, 0, 3, 1, 0x500, 4, 0, 1, 1, 0xC000, 2, 4));
-  c = cmds();
-  ASSERT_EQ(8u, c.size());
-  EXPECT_EQ(4u, W(c[0], 0) & 0xFF);
-  EXPECT_EQ(5u, W(c[1], 0) & 0xFF);
-  EXPECT_EQ(4u, srv->with([](fb::Model& m) { return m.load(1, 0xC006, 2); }));
 }
 
 TEST_F(DriverIo, MoveBetweenMemoryConvertsWidthsWithoutTraffic) {

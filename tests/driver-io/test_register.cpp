@@ -61,29 +61,6 @@ TEST_F(DriverIo, CommandWordsForEveryWidthSpaceAndPrivilege) {
   }
 }
 
-TEST_F(DriverIo, WritesSwapBeforeSendingAndRoundTripThroughMemory) {
-  EXPECT_EQ(0, vintfOut32(0, 0x80000000u, 3, 0x2000, 0x11223344));
-  EXPECT_EQ(0, vintfOut16(0, 0x80000000u, 2, 0x3000, 0xA1B2));
-  EXPECT_EQ(0, vintfOut8(0, 0x80000000u, 1, 0xC000, 0x5A));  // 8-bit: no swap
-  auto c = cmds();
-  ASSERT_EQ(3u, c.size());
-  EXPECT_EQ(0x44332211u, W(c[0], 3));
-  EXPECT_EQ(0xB2A1u, W(c[1], 3));
-  EXPECT_EQ(0x5Au, W(c[2], 3));
-
-  ViUInt32 w = 0;
-  ViUInt16 h = 0;
-  ViUInt8 b = 0;
-  EXPECT_EQ(0, vintfIn32(0, 0, 3, 0x2000, &w));
-  EXPECT_EQ(0x44332211u, w);
-  EXPECT_EQ(0, vintfIn32(0, 0x80000000u, 3, 0x2000, &w));
-  EXPECT_EQ(0x11223344u, w);
-  EXPECT_EQ(0, vintfIn16(0, 0, 2, 0x3000, &h));
-  EXPECT_EQ(0xB2A1, h);
-  EXPECT_EQ(0, vintfIn8(0, 0x80000000u, 1, 0xC000, &b));
-  EXPECT_EQ(0x5A, b);
-}
-
 TEST_F(DriverIo, PeekReadsThroughInAndPokeWrites) {
   srv->with([](fb::Model& m) { m.store(2, 0x40, 4, 0xCAFEF00D); });
   ViUInt32 w = 0;

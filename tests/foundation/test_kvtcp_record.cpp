@@ -231,29 +231,6 @@ TEST(Disconnect, NullRecordIsIgnored) {
 
 // ------------------------------------------------- loss of connection
 
-TEST(CoreFailure, TwoTimeOutsInARowLoseTheConnection) {
-  auto r = zeroed();
-  Channel core;
-  r->tcpType = KVTCP_VXI11;
-  r->Connected = 1;
-  r->lid = KVTCP_NO_LINK;
-  r->S_Core = core.mine;
-  open_mutex_intf(r.get(), "127.0.0.11");
-
-  EXPECT_EQ(kvtcp_RecordCoreFailure(r.get(), VI_ERROR_TMO), VI_ERROR_TMO);
-  EXPECT_EQ(r->LastError, VI_ERROR_TMO);
-  EXPECT_EQ(r->CoreState, -1);
-  EXPECT_EQ(r->Connected, 1);
-
-  EXPECT_EQ(kvtcp_RecordCoreFailure(r.get(), VI_ERROR_TMO), VI_ERROR_CONN_LOST);
-  EXPECT_EQ(r->LastError, VI_ERROR_CONN_LOST);
-  EXPECT_EQ(r->CoreState, -1);
-  EXPECT_EQ(r->Connected, 0);
-  EXPECT_EQ(r->S_Core, 0);
-  EXPECT_TRUE(core.closedByRecord());
-  kvtcp_Close(r.get());
-}
-
 TEST(CoreFailure, OtherErrorsDoNotCountAsTimeOuts) {
   auto r = zeroed();
   Channel core;

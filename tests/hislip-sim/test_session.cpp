@@ -126,41 +126,6 @@ TEST(SimSession, SeveralClientsAtOnce) {
   EXPECT_EQ((uint64_t)kClients, sim->stats().sessionsOpened);
 }
 
-TEST(SimSession, CompoundQueriesAndErrorQueue) {
-  Sim sim;
-  KvTcpInfo* r = newRecord();
-  ASSERT_EQ(0, connectHislip(r));
-  std::string a;
-  EXPECT_EQ(2, query(r, "*IDN?;*OPC?\n", &a));
-  EXPECT_EQ(std::string(bridgesim::kIdentity) + ";1\n", a);
-  // A command without answer, then an unknown header fills the error queue.
-  std::vector<char> w = {'*', 'C', 'L', 'S', '\n', 0, 0, 0};
-  int n = 0;
-  EXPECT_EQ(0, kvtcp_Write(r, kTmo, w.data(), 5, KVTCP_FLAG_END, &n));
-  EXPECT_EQ(5, n);
-  std::vector<char> bad = {'B', 'O', 'G', 'U', 'S', '\n', 0, 0};
-  EXPECT_EQ(0, kvtcp_Write(r, kTmo, bad.data(), 6, KVTCP_FLAG_END, &n));
-  EXPECT_EQ(2, query(r, "SYST:ERR?\n", &a));
-  EXPECT_EQ("-113,\"Undefined header\"\n", a);
-  EXPECT_EQ(2, query(r, "SYST:ERR?\n", &a));
-  EXPECT_EQ("0,\"No error\"\n", a);
-  kvtcp_Close(r);
-}
-
-TEST(SimSession, MessageWrittenInPartsIsExecutedOnDataEnd) {
-  Sim sim;
-  KvTcpInfo* r = newRecord();
-  ASSERT_EQ(0, connectHislip(r));
-  char p1[16] = "*ID", p2[16] = "N?\n";
-  int n = 0;
-  ASSERT_EQ(0, kvtcp_Write(r, kTmo, p1, 3, 0, &n));  // Data
-  ASSERT_EQ(0, kvtcp_Write(r, kTmo, p2, 3, KVTCP_FLAG_END, &n));  // DataEnd
-  char buf[128] = {0};
-  EXPECT_EQ(2, kvtcp_Read(r, kTmo, buf, 100, KVTCP_FLAG_END, 0, &n));
-  EXPECT_EQ(kIdn, std::string(buf, (size_t)n));
-  kvtcp_Close(r);
-}
-
 TEST(SimSession, AnswerReadInPieces) {
   Sim sim;
   KvTcpInfo* r = newRecord();
@@ -189,28 +154,6 @@ TEST(SimSession, AnswerReadInPieces) {
   ASSERT_EQ(0, kvtcp_Write(r, kTmo, q, 6, KVTCP_FLAG_END, &n));
   char all[128];
   EXPECT_EQ(2, kvtcp_Read(r, kTmo, all, 128, KVTCP_FLAG_EOS, '\n', &n));  // DataEnd wins over eos
-  kvtcp_Close(r);
-}
-
-TEST(SimSession, StatusByteAndDeviceClear) {
-  Sim sim;
-  KvTcpInfo* r = newRecord();
-  ASSERT_EQ(0, connectHislip(r));
-  ViUInt16 stb = 0;
-  // The value delivered is taken from the slot after the exchange.
-  EXPECT_EQ(0, kvtcp_ReadSTB(r, kTmo, &stb));
-  EXPECT_EQ(0xFFFF, stb);
-  EXPECT_EQ(0, kvtcp_ReadSTB(r, kTmo, &stb));
-
-  std::string a;
-  ASSERT_EQ(2, query(r, "*IDN?\n", &a));
-  EXPECT_NE((int)0xFFFFFF00u, r->hislipOutMesageID);
-  EXPECT_EQ(0, kvtcp_Clear(r, kTmo));
-  EXPECT_EQ((int)0xFFFFFF00u, r->hislipOutMesageID);
-  for (int i = 0; i < KVTCP_ASYNC_SLOTS; i++) EXPECT_EQ(0, r->hislipAsyncIn[i].msg) << i;
-  // The session goes on after the clear.
-  ASSERT_EQ(2, query(r, "*IDN?\n", &a));
-  EXPECT_EQ(kIdn, a);
   kvtcp_Close(r);
 }
 
@@ -246,40 +189,6 @@ TEST(SimSession, BridgeCommandRoundTrip) {
   std::string text(ans.begin() + 4, ans.end());
   while (!text.empty() && text.back() == '\0') text.pop_back();  // word padding
   EXPECT_EQ(sim->bridge().resourceText(), text);
-  kvtcp_Close(r);
-}
-
-TEST(SimSession, ServiceRequestAndInterruptReachTheCallback) {
-  Sim sim;
-  EventCapture ev;
-  KvTcpInfo* r = newRecord();
-  ASSERT_EQ(0, connectHislip(r));
-  ASSERT_TRUE(eventually([&] { return sim->sessionCount() == 1; }));
-
-  sim->sendServiceRequest();
-  ASSERT_TRUE(eventually([] { return eventCount(20) == 1; }));
-  {
-    std::lock_guard<std::mutex> g(gEvMutex);
-    EXPECT_EQ(r, gEvents[0].rec);
-  }
-
-  sim->sendInterrupt(3, 0xFE18);
-  ASSERT_TRUE(eventually([] { return eventCount(128) == 1; }));
-  {
-    std::lock_guard<std::mutex> g(gEvMutex);
-    const Event& e = gEvents.back();
-    EXPECT_EQ(128, e.type);
-    EXPECT_EQ(r, e.rec);
-    EXPECT_EQ(1u, le32(e.body, 0));  // interrupt report
-    EXPECT_EQ(1u, le32(e.body, 4));  // one pair
-    EXPECT_EQ(3u, le32(e.body, 8));
-    EXPECT_EQ(0xFE18u, le32(e.body, 12));
-  }
-  // The channel still serves status queries afterwards.
-  ViUInt16 stb = 0;
-  EXPECT_EQ(0, kvtcp_ReadSTB(r, kTmo, &stb));
-  std::string a;
-  EXPECT_EQ(2, query(r, "*IDN?\n", &a));
   kvtcp_Close(r);
 }
 

@@ -44,18 +44,6 @@ TEST(Handles, SizeChangesZeroFillAndKeepContents) {
   DisposeHandle(nullptr);
 }
 
-TEST(List, CreatedHeader) {
-  ListType l = ListCreate(6);
-  ListStruct* h = (ListStruct*)l->data;
-  EXPECT_EQ(0, memcmp(&h->signature, "TSIL", 4));
-  EXPECT_EQ(h->percentIncrease, 10);
-  EXPECT_EQ(h->minNumItemsIncrease, 4);
-  EXPECT_EQ(h->listSize, 0);
-  EXPECT_EQ(h->itemSize, 6);
-  EXPECT_EQ(ListNumItems(l), 0);
-  ListDispose(l);
-}
-
 TEST(List, InsertPositions) {
   ListType l = ListOf({1, 2, 3});
   int v = 9;

@@ -194,19 +194,6 @@ TEST_F(Vxi11Test, MissingOrRefusedAbortChannelIsNotAnError) {
   }
 }
 
-TEST(Vxi11Names, CoreProcedureNames) {
-  EXPECT_STREQ(getCoreProcName(10), "CREATE_LINK");
-  EXPECT_STREQ(getCoreProcName(12), "READ");
-  EXPECT_STREQ(getCoreProcName(25), "CREATE_INTR_CHAN");
-  EXPECT_STREQ(getCoreProcName(26), "DESTROY_INTR_CHAN");
-  EXPECT_STREQ(getCoreProcName(21), "21");
-  EXPECT_STREQ(getCoreProcName(-1), "-1");
-}
-
-}  // namespace
-
-namespace {
-
 TEST_F(Vxi11Test, SimulatorServesTheAbortChannel) {
   startSim();
   KvTcpInfo* r = connect();
