@@ -1,11 +1,5 @@
 // HiSLIP client against a scripted server on 127.0.0.1:4880 (each case runs
 // in its own network namespace).
-#include <atomic>
-#include <cstring>
-#include <mutex>
-#include <vector>
-
-#include "common.h"
 #include "peer.h"
 
 using hs::Msg;
@@ -35,7 +29,7 @@ TEST(HislipConnect, HandshakeFillsRecordAndSecondConnectSendsNothing) {
     EXPECT_EQ(8u, m.len);  // five bytes, rounded up to 32 bits
     EXPECT_EQ("ping!", m.data.substr(0, 5));
   });
-  KvTcpInfo* r = hs::newRecord();
+  KvTcpInfo* r = kt::newRecord();
   ASSERT_EQ(VI_SUCCESS, kvtcp_hislip_Connect(r, kAddr, "inst0"));
   EXPECT_EQ(1, r->Connected);
   EXPECT_EQ(KVTCP_HISLIP, r->tcpType);
@@ -61,10 +55,10 @@ TEST(HislipConnect, HandshakeFillsRecordAndSecondConnectSendsNothing) {
   peer.join();
 
   EXPECT_EQ(0, peer.init.type);
-  EXPECT_EQ(0, memcmp(peer.init.paramBytes, "\x01\x00\x0E\x76", 4));
+  EXPECT_EQ(0x01000E76u, peer.init.param);
   EXPECT_EQ("inst0", peer.init.data);
   EXPECT_EQ(17, peer.asyncInit.type);
-  EXPECT_EQ(0, memcmp(peer.asyncInit.paramBytes, "\x00\x00\x12\x34", 4));
+  EXPECT_EQ(0x1234u, peer.asyncInit.param);
 }
 
 TEST(HislipConnect, FailuresLeaveTheRecordDisconnected) {
@@ -76,28 +70,28 @@ TEST(HislipConnect, FailuresLeaveTheRecordDisconnected) {
   {
     // An Error answer with a short text: the text read runs into its
     // time-out, and the connect fails.
-    hs::LogCapture log;
+    kt::LogCapture log;
     Peer peer;
     hs::Handshake h;
     h.initType = 3;
     h.initText = "no session";
     peer.run([](Peer&) {}, h);
-    KvTcpInfo* r = hs::newRecord();
+    KvTcpInfo* r = kt::newRecord();
     EXPECT_EQ(VI_ERROR_RSRC_NFOUND, kvtcp_hislip_Connect(r, kAddr, "inst0"));
     expectDown(r);
-    EXPECT_TRUE(hs::logged("ErroR Connect TCP Interface"));
-    EXPECT_FALSE(hs::logged("get Error"));
+    EXPECT_TRUE(log.has("ErroR Connect TCP Interface"));
+    EXPECT_FALSE(log.has("get Error"));
   }
   {
     Peer peer;
     hs::Handshake h;
     h.asyncType = 22;
     peer.run([](Peer&) {}, h);
-    KvTcpInfo* r = hs::newRecord();
+    KvTcpInfo* r = kt::newRecord();
     EXPECT_EQ(VI_ERROR_RSRC_NFOUND, kvtcp_hislip_Connect(r, kAddr, nullptr));
     expectDown(r);
   }
-  KvTcpInfo* r = hs::newRecord();
+  KvTcpInfo* r = kt::newRecord();
   EXPECT_EQ(VI_ERROR_RSRC_NFOUND, kvtcp_hislip_Connect(r, kAddr, "inst0"));  // nobody listens
   expectDown(r);
   EXPECT_EQ(VI_ERROR_RSRC_NFOUND, kvtcp_hislip_Connect(r, "localhost", "inst0"));  // names are not resolved
@@ -106,7 +100,7 @@ TEST(HislipConnect, FailuresLeaveTheRecordDisconnected) {
 
 TEST(HislipConnect, ReconnectSurvivesTheOldReceiveThread) {
   Peer peer;
-  KvTcpInfo* r = hs::newRecord();
+  KvTcpInfo* r = kt::newRecord();
   int base = hs::openFds();
   peer.run([](Peer&) {});
   ASSERT_EQ(VI_SUCCESS, kvtcp_hislip_Connect(r, kAddr, "inst0"));
@@ -121,14 +115,14 @@ TEST(HislipConnect, ReconnectSurvivesTheOldReceiveThread) {
   ASSERT_EQ(VI_SUCCESS, kvtcp_hislip_Connect(r, kAddr, "inst0"));
   // The old thread has closed its duplicate: core, async, the new thread's
   // duplicate and the peer's two ends are all that is left open.
-  EXPECT_TRUE(hs::eventually([&] { return hs::openFds() == base + 5; })) << hs::openFds() - base;
+  EXPECT_TRUE(kt::eventually([&] { return hs::openFds() == base + 5; })) << hs::openFds() - base;
   EXPECT_NE(0, r->S_Intr);
   ViUInt16 stb = 0;
   EXPECT_EQ(VI_SUCCESS, kvtcp_ReadSTB(r, 2000, &stb));
   EXPECT_EQ(0xFFFF, stb);
   kvtcp_Close(r);
   peer.join();
-  EXPECT_TRUE(hs::eventually([&] { return hs::openFds() == base; }));
+  EXPECT_TRUE(kt::eventually([&] { return hs::openFds() == base; }));
 }
 
 TEST(HislipRead, MessageOverSeveralCallsEndAndTermination) {
@@ -139,8 +133,9 @@ TEST(HislipRead, MessageOverSeveralCallsEndAndTermination) {
     hs::sendMsg(p.sync, 6, 0, 0x14, "xy\n");
     hs::sendMsg(p.sync, 6, 0, 0x16, "xyz");
     hs::sendMsg(p.sync, 7, 0, 0x18, "");
+    hs::sendMsg(p.sync, 7, 0, 0x1A, "ab\n");
   });
-  KvTcpInfo* r = hs::newRecord();
+  KvTcpInfo* r = kt::newRecord();
   ASSERT_EQ(VI_SUCCESS, kvtcp_hislip_Connect(r, kAddr, "inst0"));
   char buf[32] = {};
   int n = -1;
@@ -161,6 +156,8 @@ TEST(HislipRead, MessageOverSeveralCallsEndAndTermination) {
   EXPECT_EQ(3, n);
   EXPECT_EQ(2, kvtcp_Read(r, 2000, buf, 10, 0, 0, &n));  // empty DataEnd
   EXPECT_EQ(0, n);
+  EXPECT_EQ(2, kvtcp_Read(r, 2000, buf, 10, KVTCP_FLAG_EOS, '\n', &n));  // the message end wins over eos
+  EXPECT_EQ(3, n);
   kvtcp_Close(r);
 }
 
@@ -174,7 +171,7 @@ TEST(HislipRead, BridgeExchangeAndVendorPadding) {
       hs::sendMsg(p.sync, 128, 0, 0, std::string(answer, 8));
     }
   });
-  KvTcpInfo* r = hs::newRecord();
+  KvTcpInfo* r = kt::newRecord();
   ASSERT_EQ(VI_SUCCESS, kvtcp_hislip_Connect(r, kAddr, "inst0"));
   char cmd[16] = "cmd01";
   char in[16] = {};
@@ -219,7 +216,7 @@ TEST(HislipWrite, LongMessageSplitsAfterTheFirstSendAndIdsAdvance) {
     EXPECT_EQ(0xFFFFFF02u, m.param);
     EXPECT_EQ("tail!", m.data);  // not rounded: only vendor messages are
   });
-  KvTcpInfo* r = hs::newRecord();
+  KvTcpInfo* r = kt::newRecord();
   ASSERT_EQ(VI_SUCCESS, kvtcp_hislip_Connect(r, kAddr, "inst0"));
   kvtcp_sys_send = recordingSend;
   int n = -1;
@@ -233,20 +230,17 @@ TEST(HislipWrite, LongMessageSplitsAfterTheFirstSendAndIdsAdvance) {
 }
 
 TEST(HislipRead, ErrorMessagesAndBrokenHeaders) {
-  hs::LogCapture log;
+  kt::LogCapture log;
   Peer peer;
   peer.run([](Peer& p) {
     hs::sendMsg(p.sync, 9, 0, 0);                                             // not a data message
     hs::sendMsg(p.sync, 3, 5, 0, "the command is not understood.");          // Error, 30 bytes
     hs::sendMsg(p.sync, 2, 1, 0, "the connection cannot go on, please stop"); // FatalError, 40 bytes
     hs::sendMsg(p.sync, 3, 0, 0, "too short!");                               // shorter than a reply
-    std::string bad(16, '\0');
-    bad[0] = 'X';
-    bad[1] = 'S';
-    send(p.sync, bad.data(), bad.size(), 0);
+    kt::sendAllBytes(p.sync, "XS" + std::string(14, '\0'));
     hs::sendMsg(p.sync, 3, 0, 0, std::string(300, 'e'));
   });
-  KvTcpInfo* r = hs::newRecord();
+  KvTcpInfo* r = kt::newRecord();
   ASSERT_EQ(VI_SUCCESS, kvtcp_hislip_Connect(r, kAddr, "inst0"));
   char buf[64];
   int n;
@@ -256,12 +250,12 @@ TEST(HislipRead, ErrorMessagesAndBrokenHeaders) {
     EXPECT_EQ(want, kvtcp_Read(r, 2000, buf, sizeof buf, 0, 0, &n));
     EXPECT_EQ(0, r->hislipInHdr.msg);
   }
-  EXPECT_TRUE(hs::logged("Wait Data/DataEnd, get unexpected 9"));
-  EXPECT_TRUE(hs::logged("get Error 3/5, the command is not understood."));
-  EXPECT_TRUE(hs::logged("get Error 2/1, the connection cannot go on, please stop"));
-  EXPECT_FALSE(hs::logged("too short!"));
-  EXPECT_TRUE(hs::logged("Wrong Header, get 58530000"));
-  EXPECT_TRUE(hs::logged("Wrong errLen, get Error 3/0, msg len 300"));
+  EXPECT_TRUE(log.has("Wait Data/DataEnd, get unexpected 9"));
+  EXPECT_TRUE(log.has("get Error 3/5, the command is not understood."));
+  EXPECT_TRUE(log.has("get Error 2/1, the connection cannot go on, please stop"));
+  EXPECT_FALSE(log.has("too short!"));
+  EXPECT_TRUE(log.has("Wrong Header, get 58530000"));
+  EXPECT_TRUE(log.has("Wrong errLen, get Error 3/0, msg len 300"));
   kvtcp_Close(r);
 }
 
@@ -273,20 +267,20 @@ TEST(HislipRead, PeerClosingMidMessageEndsTheWait) {
     shutdown(p.sync, SHUT_WR);
     p.async = -1;
   });
-  KvTcpInfo* r = hs::newRecord();
+  KvTcpInfo* r = kt::newRecord();
   int base = hs::openFds();
   ASSERT_EQ(VI_SUCCESS, kvtcp_hislip_Connect(r, kAddr, "inst0"));
   char buf[100];
   int n;
   EXPECT_EQ(VI_ERROR_CONN_LOST, kvtcp_Read(r, 300, buf, sizeof buf, 0, 0, &n));
   // The receive thread saw its channel close, left and closed S_Intr.
-  EXPECT_TRUE(hs::eventually([&] { return r->S_Intr == 0; }));
+  EXPECT_TRUE(kt::eventually([&] { return r->S_Intr == 0; }));
   EXPECT_EQ(1, r->Connected);
   ViUInt16 stb;
   EXPECT_EQ(VI_ERROR_CONN_LOST, kvtcp_ReadSTB(r, 100, &stb));
   kvtcp_Close(r);
   peer.join();
-  EXPECT_TRUE(hs::eventually([&] { return hs::openFds() == base; }));
+  EXPECT_TRUE(kt::eventually([&] { return hs::openFds() == base; }));
 }
 
 TEST(HislipAsync, RingStatusByteAndDeviceClear) {
@@ -308,16 +302,16 @@ TEST(HislipAsync, RingStatusByteAndDeviceClear) {
     hs::sendMsg(p.async, 23, 1, 0);
     Msg c = hs::readMsg(p.sync);
     EXPECT_EQ(8, c.type);
-    EXPECT_EQ(-1, c.code);  // the feature byte as read from the taken slot
+    EXPECT_EQ(0xFF, c.code);  // the feature byte as read from the taken slot
     hs::sendMsg(p.sync, 9, 0, 0);
     hs::sendMsg(p.async, 16, 0, 0, "1234", 4);  // malformed: the thread leaves
   });
-  KvTcpInfo* r = hs::newRecord();
+  KvTcpInfo* r = kt::newRecord();
   ASSERT_EQ(VI_SUCCESS, kvtcp_hislip_Connect(r, kAddr, "inst0"));
   ViUInt16 stb = 0;
   EXPECT_EQ(VI_ERROR_TMO, kvtcp_ReadSTB(r, 20, &stb));
 
-  ASSERT_TRUE(hs::eventually([&] { return r->hislipMaximumMessageSize == 0x12345u; }));
+  ASSERT_TRUE(kt::eventually([&] { return r->hislipMaximumMessageSize == 0x12345u; }));
   for (int i = 0; i < 8; i++) {
     EXPECT_EQ(25, slotType(r, i));
     EXPECT_EQ(i, r->hislipAsyncIn[i].code);  // the ninth was dropped
@@ -333,13 +327,13 @@ TEST(HislipAsync, RingStatusByteAndDeviceClear) {
   EXPECT_EQ(0, five[2]);
   EXPECT_EQ(0xFF, five[3]);
   EXPECT_EQ((int)0xFFFFFF04u, r->hislipOutMesageID);
-  EXPECT_TRUE(hs::eventually([&] { return r->hislipMaximumMessageSize == 0x7FFF0000u; }));
+  EXPECT_TRUE(kt::eventually([&] { return r->hislipMaximumMessageSize == 0x7FFF0000u; }));
 
   EXPECT_EQ(VI_SUCCESS, kvtcp_Clear(r, 2000));
   for (int i = 0; i < 8; i++) EXPECT_EQ(0, slotType(r, i));
   EXPECT_EQ((int)0xFFFFFF00u, r->hislipOutMesageID);
 
-  EXPECT_TRUE(hs::eventually([&] { return r->S_Intr == 0; }));
+  EXPECT_TRUE(kt::eventually([&] { return r->S_Intr == 0; }));
   EXPECT_EQ(1, r->Connected);
   EXPECT_EQ(VI_ERROR_CONN_LOST, kvtcp_Clear(r, 100));
   kvtcp_Close(r);
@@ -371,10 +365,10 @@ TEST(HislipAsync, ServiceRequestAndBridgeEvents) {
     hs::sendMsg(p.async, 128, 0, 0, "", 1445);  // too long for the payload buffer
   });
   kvtcp_setCallback(onEvent);
-  KvTcpInfo* r = hs::newRecord();
+  KvTcpInfo* r = kt::newRecord();
   ASSERT_EQ(VI_SUCCESS, kvtcp_hislip_Connect(r, kAddr, "inst0"));
-  ASSERT_TRUE(hs::eventually([] { return eventCount() == 2; }));
-  EXPECT_TRUE(hs::eventually([&] { return r->S_Intr == 0; }));
+  ASSERT_TRUE(kt::eventually([] { return eventCount() == 2; }));
+  EXPECT_TRUE(kt::eventually([&] { return r->S_Intr == 0; }));
   kvtcp_setCallback(nullptr);
   EXPECT_EQ(20, gEvents[0].first);
   EXPECT_EQ(128, gEvents[1].first);

@@ -1,30 +1,22 @@
 // Raw-socket connection kind against a scripted loopback peer.
-#include <chrono>
-#include <cstring>
-#include <thread>
-
-#include "common.h"
 #include "peer.h"
 
 TEST(RawSocket, ConnectWriteAndReads) {
-  int lfd = hs::listenOn("127.0.0.1", 5025);
+  int lfd = kt::listenOn("127.0.0.1", 5025);
   ASSERT_GE(lfd, 0);
   std::thread peer([lfd] {
-    int c = hs::acceptOne(lfd);
+    int c = kt::readable(lfd) ? accept(lfd, nullptr, nullptr) : -1;
     char b[5];
-    EXPECT_TRUE(hs::readFull(c, b, 5));
+    EXPECT_TRUE(kt::readFull(c, b, 5));
     EXPECT_EQ(0, memcmp(b, "hello", 5));
-    send(c, "01234", 5, 0);
-    std::this_thread::sleep_for(std::chrono::milliseconds(30));  // a second segment
-    send(c, "56789", 5, 0);
-    std::this_thread::sleep_for(std::chrono::milliseconds(30));
-    send(c, "ab\ncd", 5, 0);
-    std::this_thread::sleep_for(std::chrono::milliseconds(30));
-    send(c, "xyz", 3, 0);
-    hs::waitClosed(c);
+    for (const char* part : {"01234", "56789", "ab\ncd", "xyz"}) {  // separate segments
+      send(c, part, strlen(part), 0);
+      std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    }
+    kt::drain(c);
     close(c);
   });
-  KvTcpInfo* r = hs::newRecord();
+  KvTcpInfo* r = kt::newRecord();
   ASSERT_EQ(VI_SUCCESS, kvtcp_sock_Connect(r, "127.0.0.1", 5025));
   EXPECT_EQ(KVTCP_RAW, r->tcpType);
   EXPECT_EQ(5025, r->SocketPort);
@@ -62,29 +54,25 @@ TEST(RawSocket, ConnectWriteAndReads) {
   close(lfd);
 }
 
-TEST(RawSocket, ConnectFailures) {
-  hs::LogCapture log;
-  KvTcpInfo* r = hs::newRecord();
-  EXPECT_EQ(VI_ERROR_RSRC_NFOUND, kvtcp_sock_Connect(r, "127.0.0.1", 5026));  // closed port
-  EXPECT_EQ(0, r->Connected);
-  EXPECT_EQ(0, r->S_Core);
-  EXPECT_TRUE(hs::logged("ErroR Connect TCP Interface"));
-  EXPECT_EQ(VI_ERROR_RSRC_NFOUND, kvtcp_sock_Connect(r, "localhost", 5026));  // names are not resolved
-  EXPECT_EQ(0, r->S_Core);
-  kvtcp_Close(r);
-}
-
-TEST(RawSocket, PeerClosingEndsAnExactRead) {
-  int lfd = hs::listenOn("127.0.0.1", 5025);
+TEST(RawSocket, ConnectFailuresAndPeerClosingMidRead) {
+  {
+    kt::LogCapture log;
+    KvTcpInfo* r = kt::newRecord();
+    EXPECT_EQ(VI_ERROR_RSRC_NFOUND, kvtcp_sock_Connect(r, "127.0.0.1", 5026));  // closed port
+    EXPECT_EQ(0, r->Connected);
+    EXPECT_EQ(0, r->S_Core);
+    EXPECT_TRUE(log.has("ErroR Connect TCP Interface"));
+    EXPECT_EQ(VI_ERROR_RSRC_NFOUND, kvtcp_sock_Connect(r, "localhost", 5026));  // names are not resolved
+    EXPECT_EQ(0, r->S_Core);
+    kvtcp_Close(r);
+  }
+  int lfd = kt::listenOn("127.0.0.1", 5025);
   ASSERT_GE(lfd, 0);
-  std::thread peer([lfd] {
-    int c = hs::acceptOne(lfd);
-    send(c, "abc", 3, 0);
-    close(c);
-  });
-  KvTcpInfo* r = hs::newRecord();
+  KvTcpInfo* r = kt::newRecord();
   ASSERT_EQ(VI_SUCCESS, kvtcp_sock_Connect(r, "127.0.0.1", 5025));
-  peer.join();
+  int c = accept(lfd, nullptr, nullptr);
+  send(c, "abc", 3, 0);
+  close(c);
   char in[16];
   int n;
   EXPECT_EQ(VI_ERROR_CONN_LOST, kvtcp_Read(r, 200, in, 10, 0, 0, &n));

@@ -12,24 +12,21 @@
 #include <set>
 #include <sstream>
 
-#include "common.h"
 #include "peer.h"
 
 namespace {
 
 std::string slurp(const std::string& path) {
-  std::ifstream f(path);
   std::stringstream s;
-  s << f.rdbuf();
+  s << std::ifstream(path).rdbuf();
   return s.str();
 }
 
 std::string run(const std::string& cmd) {
   std::string out;
-  if (FILE* p = popen(cmd.c_str(), "r")) {
+  if (FILE* p = popen(cmd.c_str(), "r")) {  // blocking: tshark may be slow to start
     char b[4096];
-    size_t n;
-    while ((n = fread(b, 1, sizeof b, p)) > 0) out.append(b, n);
+    for (size_t n; (n = fread(b, 1, sizeof b, p)) > 0;) out.append(b, n);
     pclose(p);
   }
   return out;
@@ -52,17 +49,14 @@ TEST(HislipWire, EveryClientMessageDecodes) {
     execlp("tshark", "tshark", "-i", "lo", "-f", "port 4880", "-w", capture.c_str(), (char*)nullptr);
     _exit(127);
   }
-  ASSERT_TRUE(hs::eventually([&] { return slurp(err).find("Capturing on") != std::string::npos; }))
+  ASSERT_TRUE(kt::eventually([&] { return slurp(err).find("Capturing on") != std::string::npos; }))
       << slurp(err);
   // The capture is live once a probe datagram reaches the file.
   struct stat st0;
-  ASSERT_TRUE(hs::eventually([&] { return stat(capture.c_str(), &st0) == 0; })) << slurp(err);
+  ASSERT_TRUE(kt::eventually([&] { return stat(capture.c_str(), &st0) == 0; })) << slurp(err);
   int probe = socket(AF_INET, SOCK_DGRAM, 0);
-  sockaddr_in to{};
-  to.sin_family = AF_INET;
-  to.sin_port = htons(4880);
-  to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  EXPECT_TRUE(hs::eventually([&] {
+  sockaddr_in to = kt::addr("127.0.0.1", 4880);
+  EXPECT_TRUE(kt::eventually([&] {
     sendto(probe, "probe", 5, 0, (sockaddr*)&to, sizeof to);
     struct stat st;
     return stat(capture.c_str(), &st) == 0 && st.st_size > st0.st_size;
@@ -71,16 +65,16 @@ TEST(HislipWire, EveryClientMessageDecodes) {
 
   hs::Peer peer;
   peer.run([](hs::Peer& p) {
-    for (int type : {6, 7, 128}) EXPECT_EQ(type, hs::readMsg(p.sync).type);
-    hs::Msg q = hs::readMsg(p.async);
+    for (int type : {6, 7, 128}) EXPECT_EQ(type, kt::readMsg(p.sync).type);
+    kt::Msg q = kt::readMsg(p.async);
     EXPECT_EQ(21, q.type);
-    hs::sendMsg(p.async, 22, 0x10, q.param);
-    EXPECT_EQ(19, hs::readMsg(p.async).type);
-    hs::sendMsg(p.async, 23, 0, 0);
-    EXPECT_EQ(8, hs::readMsg(p.sync).type);
-    hs::sendMsg(p.sync, 9, 0, 0);
+    kt::sendMsg(p.async, 22, 0x10, q.param);
+    EXPECT_EQ(19, kt::readMsg(p.async).type);
+    kt::sendMsg(p.async, 23, 0, 0);
+    EXPECT_EQ(8, kt::readMsg(p.sync).type);
+    kt::sendMsg(p.sync, 9, 0, 0);
   });
-  KvTcpInfo* r = hs::newRecord();
+  KvTcpInfo* r = kt::newRecord();
   ASSERT_EQ(VI_SUCCESS, kvtcp_hislip_Connect(r, "127.0.0.1", "inst0"));
   char data[16] = "*IDN?\n";
   int n;
@@ -104,12 +98,9 @@ TEST(HislipWire, EveryClientMessageDecodes) {
   std::set<int> seen;
   std::stringstream ss(types);
   std::string item;
-  while (std::getline(ss, item, '\n')) {
-    std::stringstream line(item);
-    std::string v;
-    while (std::getline(line, v, ','))
-      if (!v.empty()) seen.insert((int)strtol(v.c_str(), nullptr, 0));  // printed as 0x..
-  }
+  while (std::getline(ss, item, '\n'))
+    for (std::stringstream line(item); std::getline(line, item, ',');)
+      if (!item.empty()) seen.insert((int)strtol(item.c_str(), nullptr, 0));  // printed as 0x..
   for (int type : {0, 17, 6, 7, 128, 21, 19, 8}) EXPECT_TRUE(seen.count(type)) << "client type " << type << " in:\n" << types;
   for (int type : {1, 18, 22, 23, 9}) EXPECT_TRUE(seen.count(type)) << "server type " << type << " in:\n" << types;
 

@@ -1,5 +1,6 @@
-// Sorting, searching, number parsing, string helpers and the binary-data text
-// encoding.
+// The toolbox (number parsing, the binary-data text encoding, string helpers,
+// searching, sorting) and the item list built on it (handles, positions,
+// growth, compaction, copying, appending, ordered insertion, duplicates).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -9,74 +10,53 @@
 #include <string>
 #include <vector>
 
+#include "itemlist.h"
 #include "toolbox.h"
 
 namespace {
 
 // ---------------------------------------------------------------- numbers
 
-TEST(Numbers, StrictDecimalAcceptsAndRefuses) {
-  const char* good[] = {"  +42  ", "4294967295", "0", "-0", "\t7\n", "+0001"};
-  const unsigned expect[] = {42, 4294967295u, 0, 0, 7, 1};
-  for (size_t i = 0; i < sizeof good / sizeof *good; ++i) {
-    unsigned v = 99;
+// "result:value" of a conversion whose output starts out as 77.
+template <typename T, typename F>
+std::string Conv(F f, const char* s) {
+  T v = 77;
+  int rc = f(s, &v);
+  return std::to_string(rc) + ":" + std::to_string(v);
+}
+
+TEST(Numbers, StrictDecimalAndBounds) {
+  auto uintOf = [](const char* s, unsigned* v) {
     int neg = 5;
-    EXPECT_EQ(ConvertNumStrToUint(good[i], &v, &neg), 1) << good[i];
-    EXPECT_EQ(v, expect[i]) << good[i];
-  }
-  const char* bad[] = {"4294967296", "4 2", "--1", "1-", "", "   ", "- 5", "+", "12a", "0x10", "1+",
-                       "99999999999", "4294967300"};
-  for (const char* s : bad) {
-    unsigned v = 1234;
-    int neg = 0;
-    EXPECT_EQ(ConvertNumStrToUint(s, &v, &neg), 0) << s;
-    EXPECT_EQ(v, 1234u) << "output touched for " << s;
-  }
+    return ConvertNumStrToUint(s, v, &neg);
+  };
+  for (auto [text, want] : {std::pair{"  +42  ", "1:42"}, {"4294967295", "1:4294967295"}, {"0", "1:0"},
+                            {"-0", "1:0"}, {"\t7\n", "1:7"}, {"+0001", "1:1"}})
+    EXPECT_EQ(Conv<unsigned>(uintOf, text), want) << text;
+  // Refused: the output stays untouched.
+  for (const char* bad : {"4294967296", "4 2", "--1", "1-", "", "   ", "- 5", "+", "12a", "0x10", "1+",
+                          "99999999999", "4294967300", (const char*)nullptr})
+    EXPECT_EQ(Conv<unsigned>(uintOf, bad), "0:77") << (bad ? bad : "null");
   int neg = 7;
   unsigned v;
   EXPECT_EQ(ConvertNumStrToUint("-3", &v, &neg), 1);
   EXPECT_EQ(neg, 1);
-  EXPECT_EQ(ConvertNumStrToUint(nullptr, &v, &neg), 0);
-}
 
-TEST(Numbers, SignedAndUnsignedBounds) {
-  int i = 0;
-  EXPECT_EQ(StrToInt("-2147483648", &i), 1);
-  EXPECT_EQ(i, INT32_MIN);
-  EXPECT_EQ(StrToInt("2147483647", &i), 1);
-  EXPECT_EQ(i, INT32_MAX);
-  i = 5;
-  EXPECT_EQ(StrToInt("2147483648", &i), 0);
-  EXPECT_EQ(StrToInt("-2147483649", &i), 0);
-  EXPECT_EQ(i, 5);
-  EXPECT_EQ(StrToInt("-0", &i), 1);
-  EXPECT_EQ(i, 0);
-  unsigned u = 3;
-  EXPECT_EQ(StrToUInt("-0", &u), 0);
-  EXPECT_EQ(StrToUInt("-1", &u), 0);
-  EXPECT_EQ(u, 3u);
-  EXPECT_EQ(StrToUInt("4294967295", &u), 1);
-  EXPECT_EQ(u, 4294967295u);
+  for (auto [text, want] : {std::pair{"-2147483648", "1:-2147483648"}, {"2147483647", "1:2147483647"},
+                            {"2147483648", "0:77"}, {"-2147483649", "0:77"}, {"-0", "1:0"}})
+    EXPECT_EQ(Conv<int>(StrToInt, text), want) << text;
+  for (auto [text, want] : {std::pair{"-0", "0:77"}, {"-1", "0:77"}, {"4294967295", "1:4294967295"}})
+    EXPECT_EQ(Conv<unsigned>(StrToUInt, text), want) << text;
 }
 
 // ---------------------------------------------------------------- encoding
 
-TEST(DataText, KnownVector) {
+TEST(DataText, KnownVectorEmptyAndShortTexts) {
   const unsigned char bytes[] = {0xFF, 0x00, 0x80};
   unsigned char* text = nullptr;
   ASSERT_EQ(ConvertDataToText(bytes, 3, &text), 1);
   EXPECT_STREQ((char*)text, "bo00");
   free(text);
-  unsigned char* data = nullptr;
-  int size = -1;
-  ASSERT_EQ(ConvertTextToData((const unsigned char*)"bo00", &size, &data), 1);
-  ASSERT_EQ(size, 3);
-  EXPECT_EQ(0, memcmp(data, bytes, 3));
-  free(data);
-}
-
-TEST(DataText, EmptyAndShortTexts) {
-  unsigned char* text = nullptr;
   ASSERT_EQ(ConvertDataToText(nullptr, 0, &text), 1);
   EXPECT_STREQ((char*)text, "");
   free(text);
@@ -88,6 +68,10 @@ TEST(DataText, EmptyAndShortTexts) {
   EXPECT_EQ(data, &sentinel);  // no buffer for zero bytes
   EXPECT_EQ(ConvertTextToData((const unsigned char*)"ooooo", &size, &data), 1);  // 4 + 1 ignored
   EXPECT_EQ(size, 3);
+  free(data);
+  ASSERT_EQ(ConvertTextToData((const unsigned char*)"bo00", &size, &data), 1);
+  ASSERT_EQ(size, 3);
+  EXPECT_EQ(0, memcmp(data, bytes, 3));
   free(data);
 }
 
@@ -117,53 +101,36 @@ TEST(DataText, RoundTripEveryLengthUpTo64) {
 
 // ---------------------------------------------------------------- strings
 
-TEST(Strings, CaseInsensitiveWithoutSurroundingWhiteSpace) {
-  EXPECT_EQ(stricmpWithoutSurrWhiteSpace("  Abc ", "aBC"), 0);
-  EXPECT_EQ(stricmpWithoutSurrWhiteSpace("ab", "abc"), -1);
-  EXPECT_EQ(stricmpWithoutSurrWhiteSpace("abc", "ab  "), 1);
-  EXPECT_EQ(stricmpWithoutSurrWhiteSpace("a b", "a  b"), 1);  // inner blanks count
-  EXPECT_EQ(stricmpWithoutSurrWhiteSpace(nullptr, nullptr), 0);
-  EXPECT_EQ(stricmpWithoutSurrWhiteSpace(nullptr, "a"), -1);
-  EXPECT_EQ(stricmpWithoutSurrWhiteSpace("a", nullptr), 1);
-  EXPECT_EQ(stricmpWithoutSurrWhiteSpace("", "   "), 0);
-}
+TEST(Strings, CompareSpliceTrimAppendPrefixQuote) {
+  struct Cmp { const char *a, *b; int want; };
+  for (const Cmp& c : {Cmp{"  Abc ", "aBC", 0}, Cmp{"ab", "abc", -1}, Cmp{"abc", "ab  ", 1},
+                       Cmp{"a b", "a  b", 1} /* inner blanks count */, Cmp{nullptr, nullptr, 0},
+                       Cmp{nullptr, "a", -1}, Cmp{"a", nullptr, 1}, Cmp{"", "   ", 0}})
+    EXPECT_EQ(stricmpWithoutSurrWhiteSpace(c.a, c.b), c.want) << (c.a ? c.a : "null") << "|" << (c.b ? c.b : "null");
+  struct Splice { const char *over, *base, *want; };
+  for (const Splice& c : {Splice{"a,,c", "x,y,z,w", "a,y,c,w"}, Splice{"", "", ""},
+                          Splice{"1,2,3,4", "x", "1,2,3,4"}, Splice{",", ",,q", ",,q"}}) {
+    char* r = nullptr;
+    ASSERT_EQ(SpliceCommaSeparatedList(c.over, c.base, &r), 0);
+    EXPECT_STREQ(r, c.want);
+    free(r);
+  }
 
-TEST(Strings, SpliceOverlaysFields) {
-  char* r = nullptr;
-  ASSERT_EQ(SpliceCommaSeparatedList("a,,c", "x,y,z,w", &r), 0);
-  EXPECT_STREQ(r, "a,y,c,w");
-  free(r);
-  ASSERT_EQ(SpliceCommaSeparatedList("", "", &r), 0);
-  EXPECT_STREQ(r, "");
-  free(r);
-  ASSERT_EQ(SpliceCommaSeparatedList("1,2,3,4", "x", &r), 0);
-  EXPECT_STREQ(r, "1,2,3,4");
-  free(r);
-  ASSERT_EQ(SpliceCommaSeparatedList(",", ",,q", &r), 0);
-  EXPECT_STREQ(r, ",,q");
-  free(r);
-}
-
-TEST(Strings, TrimAppendPrefixQuote) {
   char buf[] = " \t hello world \n";
   RemoveSurroundingWhiteSpace(buf);
   EXPECT_STREQ(buf, "hello world");
   char* t = StrDupWithoutSurrWhiteSpace("   ");
   EXPECT_STREQ(t, "");
   free(t);
-  EXPECT_EQ(HasNonWhiteSpace(" \t"), 0);
-  EXPECT_EQ(HasNonWhiteSpace(nullptr), 0);
+  EXPECT_EQ(HasNonWhiteSpace(" \t") | HasNonWhiteSpace(nullptr), 0);
   EXPECT_STREQ(SkipNonWhiteSpace("ab cd"), " cd");
 
   char* s = nullptr;
   EXPECT_EQ(AppendString(&s, "abcdef", 3), 1);
-  EXPECT_STREQ(s, "abc");
   EXPECT_EQ(AppendString(&s, "XY", 10), 1);
   EXPECT_STREQ(s, "abcXY");
   EXPECT_EQ(AddStringPrefix(&s, "12345", 2), 1);
-  EXPECT_STREQ(s, "12abcXY");
   EXPECT_EQ(AddStringPrefix(&s, "zz", 0), 1);
-  EXPECT_STREQ(s, "12abcXY");
   EXPECT_EQ(AddStringQuotes(&s), 1);
   EXPECT_STREQ(s, "\"12abcXY\"");
   free(s);
@@ -194,15 +161,11 @@ TEST(Search, InsertionCodesMatchTrueInsertionPoint) {
       }
     }
   }
-}
-
-TEST(Search, NullCompareUsesRawBytes) {
-  unsigned char a[] = {1, 3, 5, 7};
-  unsigned char k = 5;
-  EXPECT_EQ(BinSearch(a, 4, 1, &k, nullptr), 2);
-  k = 6;
-  EXPECT_EQ(BinSearch(a, 4, 1, &k, nullptr), -4);
-  EXPECT_EQ(BinSearch(a, 0, 1, &k, nullptr), -1);
+  // Without a compare function the raw bytes are compared.
+  unsigned char a[] = {1, 3, 5, 7}, five = 5, six = 6;
+  EXPECT_EQ(BinSearch(a, 4, 1, &five, nullptr), 2);
+  EXPECT_EQ(BinSearch(a, 4, 1, &six, nullptr), -4);
+  EXPECT_EQ(BinSearch(a, 0, 1, &six, nullptr), -1);
 }
 
 // ---------------------------------------------------------------- sorting
@@ -251,66 +214,275 @@ void CheckSort(SortFn sort, const char* name) {
   }
 }
 
-TEST(Sort, QuickSortMatchesStdSort) { CheckSort(QSortAdapter, "QSort"); }
-TEST(Sort, HeapSortMatchesStdSort) { CheckSort(HeapSort, "HeapSort"); }
-TEST(Sort, InsertionSortMatchesStdSort) { CheckSort(InsertionSort, "InsertionSort"); }
-
-TEST(Sort, InsertionSortIsStable) {
+TEST(Sort, AllThreeMatchStdSortAndInsertionSortIsStable) {
+  CheckSort(QSortAdapter, "QSort");
+  CheckSort(HeapSort, "HeapSort");
+  CheckSort(InsertionSort, "InsertionSort");
   struct P { int key, seq; };
   std::vector<P> v;
   for (int i = 0; i < 50; ++i) v.push_back({i % 5, i});
   InsertionSort(v.data(), (int)v.size(), sizeof(P), IntCompare);
-  for (size_t i = 1; i < v.size(); ++i) {
-    ASSERT_LE(v[i - 1].key, v[i].key);
-    if (v[i - 1].key == v[i].key) {
-      EXPECT_LT(v[i - 1].seq, v[i].seq);
-    }
-  }
-}
-
-// Adversarial inputs (organ pipe, median-of-three killer shapes, all equal)
-// under a guard zone: the sort must finish, stay inside the array and
-// return a permutation of it.
-TEST(Sort, QuickSortAdversarialStaysInBounds) {
-  const int n = 5000;
-  std::vector<std::vector<int>> inputs;
-  std::vector<int> pipe(n), killer(n), equal(n, 4), saw(n);
-  for (int i = 0; i < n; ++i) {
-    pipe[i] = i < n / 2 ? i : n - i;
-    saw[i] = i % 17;
-    killer[i] = (i % 2) ? i : n - i;
-  }
-  inputs = {pipe, killer, equal, saw};
-  for (auto& in : inputs) {
-    std::vector<int> guarded(n + 64, 0x5A5A5A5A);
-    std::copy(in.begin(), in.end(), guarded.begin() + 32);
-    QSort((char*)(guarded.data() + 32), n, sizeof(int), IntCompare);
-    for (int i = 0; i < 32; ++i) {
-      ASSERT_EQ(guarded[i], 0x5A5A5A5A);
-      ASSERT_EQ(guarded[n + 32 + i], 0x5A5A5A5A);
-    }
-    std::vector<int> out(guarded.begin() + 32, guarded.begin() + 32 + n), ref = in;
-    std::sort(ref.begin(), ref.end());
-    EXPECT_EQ(out, ref);
-  }
+  for (size_t i = 1; i < v.size(); ++i)
+    ASSERT_TRUE(v[i - 1].key < v[i].key || (v[i - 1].key == v[i].key && v[i - 1].seq < v[i].seq)) << i;
 }
 
 // A compare function that answers at random must not drive the partition
 // outside the array or into an endless loop.
 int RandomCompare(const void*, const void*) { return (int)(std::rand() % 3) - 1; }
 
-TEST(Sort, QuickSortSurvivesInconsistentCompare) {
-  std::srand(3);
-  std::vector<int> guarded(2000 + 64, 0x5A5A5A5A);
-  for (int i = 0; i < 2000; ++i) guarded[32 + i] = i;
-  QSort((char*)(guarded.data() + 32), 2000, sizeof(int), RandomCompare);
-  for (int i = 0; i < 32; ++i) {
-    EXPECT_EQ(guarded[i], 0x5A5A5A5A);
-    EXPECT_EQ(guarded[2032 + i], 0x5A5A5A5A);
+// Adversarial inputs (organ pipe, median-of-three killer shapes, all equal)
+// and an inconsistent compare, under a guard zone: the sort must finish,
+// stay inside the array and return a permutation of it.
+TEST(Sort, QuickSortAdversarialStaysInBounds) {
+  const int n = 5000;
+  std::vector<int> pipe(n), killer(n), equal(n, 4), saw(n), seq(n);
+  for (int i = 0; i < n; ++i) {
+    pipe[i] = i < n / 2 ? i : n - i;
+    saw[i] = i % 17;
+    killer[i] = (i % 2) ? i : n - i;
+    seq[i] = i;
   }
-  std::vector<int> out(guarded.begin() + 32, guarded.begin() + 2032);
-  std::sort(out.begin(), out.end());
-  for (int i = 0; i < 2000; ++i) ASSERT_EQ(out[i], i);
+  std::srand(3);
+  for (const std::vector<int>* input : {&pipe, &killer, &equal, &saw, &seq}) {
+    const std::vector<int>& in = *input;
+    std::vector<int> guarded(n + 64, 0x5A5A5A5A);
+    std::copy(in.begin(), in.end(), guarded.begin() + 32);
+    QSort((char*)(guarded.data() + 32), n, sizeof(int), &in == &seq ? RandomCompare : IntCompare);
+    for (int i = 0; i < 32; ++i) {
+      ASSERT_EQ(guarded[i], 0x5A5A5A5A);
+      ASSERT_EQ(guarded[n + 32 + i], 0x5A5A5A5A);
+    }
+    std::vector<int> out(guarded.begin() + 32, guarded.begin() + 32 + n), ref = in;
+    std::sort(ref.begin(), ref.end());
+    if (&in == &seq) std::sort(out.begin(), out.end());
+    EXPECT_EQ(out, ref);
+  }
+}
+
+// ---------------------------------------------------------------- item list
+
+std::vector<int> Items(ListType l) {
+  std::vector<int> v(ListNumItems(l));
+  for (int i = 1; i <= (int)v.size(); ++i) ListGetItem(l, &v[i - 1], i);
+  return v;
+}
+using V = std::vector<int>;
+
+int Capacity(ListType l) { return ((ListStruct*)l->data)->listSize; }
+
+ListType ListOf(std::initializer_list<int> values) {
+  ListType l = ListCreate(sizeof(int));
+  for (int v : values) EXPECT_EQ(ListInsertItem(l, &v, END_OF_LIST), 1);
+  return l;
+}
+
+TEST(Handles, SizeChangesZeroFillAndKeepContents) {
+  Handle h = NewHandle(4);
+  ASSERT_NE(h, nullptr);
+  memcpy(h->data, "abcd", 4);
+  ASSERT_EQ(SetHandleSize(h, 100), 1);
+  EXPECT_EQ(std::string(h->data, 100), "abcd" + std::string(96, '\0'));
+  EXPECT_EQ(SetHandleSize(h, 0), 1);
+  EXPECT_EQ(GetHandleSize(h), 0u);
+  DisposeHandle(h);
+  Handle empty = NewHandle(0);
+  ASSERT_NE(empty, nullptr);
+  EXPECT_EQ(empty->data, nullptr);
+  DisposeHandle(empty);
+  DisposeHandle(nullptr);
+}
+
+// Positions: 1..n, 0 (or END_OF_LIST) the last/end, -1 the front.
+TEST(List, PositionsForInsertGetReplaceRemove) {
+  ListType l = ListOf({1, 2, 3});
+  int v = 9, zero = 0, seven = 7;
+  EXPECT_EQ(ListInsertItem(l, &v, 5), 0);  // numItems + 2 refused
+  EXPECT_EQ(ListInsertItem(l, &v, -2), 0);
+  EXPECT_EQ(ListInsertItem(l, &v, 4), 1);  // numItems + 1 appends
+  EXPECT_EQ(ListInsertItem(l, &zero, -1), 1);
+  EXPECT_EQ(ListInsertItem(l, &seven, 3), 1);
+  EXPECT_EQ(Items(l), (V{0, 1, 7, 2, 3, 9}));
+  EXPECT_EQ(ListInsertItems(l, nullptr, 2, 2), 1);  // zero-filled
+  EXPECT_EQ(Items(l), (V{0, 0, 0, 1, 7, 2, 3, 9}));
+  EXPECT_EQ(ListInsertItems(l, &v, 1, 0), 0);
+  ListDispose(l);
+  l = ListCreate(sizeof(int));
+  EXPECT_EQ(ListInsertItem(l, &v, -1), 1);  // -1 on an empty list appends
+  EXPECT_EQ(Items(l), V{9});
+  ListDispose(l);
+
+  l = ListOf({10, 20, 30, 40});
+  ListGetItem(l, &v, 0);
+  EXPECT_EQ(v, 40);
+  ListGetItem(l, &v, -1);
+  EXPECT_EQ(v, 10);
+  int a = 99, b = 11, two[2] = {1, 2};
+  ListReplaceItem(l, &a, 0);
+  ListReplaceItem(l, &b, -1);
+  ListReplaceItems(l, two, 4, 2);     // runs past the end: nothing
+  ListRemoveItems(l, nullptr, 1, 5);  // more than held: nothing
+  EXPECT_EQ(Items(l), (V{11, 20, 30, 99}));
+  ListRemoveItem(l, &v, 0);
+  EXPECT_EQ(v, 99);
+  ListRemoveItem(l, &v, -1);
+  EXPECT_EQ(v, 11);
+  EXPECT_EQ(Items(l), (V{20, 30}));
+  int out[2] = {0, 0};
+  ListGetItems(l, out, 1, 3);  // out of range: untouched
+  EXPECT_EQ(out[0], 0);
+  EXPECT_EQ(ListGetPtrToItem(l, 3), nullptr);
+  EXPECT_EQ(*(int*)ListGetPtrToItem(l, 2), 30);
+  EXPECT_EQ(ListGetPtrToItem(nullptr, 1), nullptr);
+  ListDispose(l);
+}
+
+// Automatic growth adds the whole scaled size (listSize * 110 / 100, at
+// least 4) plus the items being inserted.
+TEST(List, GrowthPreAllocationAndCompaction) {
+  ListType l = ListCreate(sizeof(int));
+  int v = 1;
+  ListInsertItem(l, &v, 0);
+  EXPECT_EQ(Capacity(l), 5);  // minimum 4 plus the one inserted
+  for (int i = 0; i < 4; ++i) ListInsertItem(l, &v, 0);
+  EXPECT_EQ(Capacity(l), 5);
+  ListInsertItem(l, &v, 0);
+  EXPECT_EQ(Capacity(l), 5 + 5 + 1);
+  ListDispose(l);
+
+  ListType big = ListCreate(1);
+  ASSERT_EQ(ListPreAllocate(big, 100), 1);
+  EXPECT_EQ(Capacity(big), 100);
+  ASSERT_EQ(ListInsertItems(big, nullptr, 0, 100), 1);
+  char c = 0;
+  ASSERT_EQ(ListInsertItem(big, &c, 0), 1);
+  EXPECT_EQ(Capacity(big), 100 + 110 + 1);
+  EXPECT_EQ(GetHandleSize(big), sizeof(ListStruct) + 211u);
+  ListDispose(big);
+
+  // Many items into too few free slots.
+  l = ListCreate(sizeof(int));
+  ListPreAllocate(l, 3);
+  ListInsertItem(l, &v, 0);  // 2 free slots remain
+  V many(50);
+  for (int i = 0; i < 50; ++i) many[i] = i + 100;
+  ASSERT_EQ(ListInsertItems(l, many.data(), 1, 50), 1);
+  EXPECT_GE(Capacity(l), 51);
+  EXPECT_LE(GetHandleSize(l), sizeof(ListStruct) + 4u * Capacity(l));
+  many.push_back(1);
+  EXPECT_EQ(Items(l), many);
+  ListDispose(l);
+
+  l = ListOf({1, 2, 3});
+  int cap = Capacity(l);
+  EXPECT_EQ(ListPreAllocate(l, cap - 3), 1);  // enough free already
+  EXPECT_EQ(Capacity(l), cap);
+  EXPECT_EQ(ListPreAllocate(l, cap - 3 + 7), 1);  // grows by the shortfall
+  EXPECT_EQ(Capacity(l), cap + 7);
+  ListCompact(l);
+  EXPECT_EQ(Capacity(l), 3);
+  EXPECT_EQ(GetHandleSize(l), sizeof(ListStruct) + 12u);
+  EXPECT_EQ(Items(l), (V{1, 2, 3}));
+  ListClear(l);
+  ListCompact(l);
+  EXPECT_EQ(Capacity(l), 0);
+  EXPECT_EQ(GetHandleSize(l), sizeof(ListStruct));
+  ListDispose(l);
+  EXPECT_EQ(ListPreAllocate(nullptr, 3), 0);
+}
+
+TEST(List, CopyAppendEqual) {
+  ListType a = ListOf({1, 2, 3});
+  ListSetAllocationPolicy(a, 9, 50);
+  ListType c = ListCopy(a);
+  ASSERT_NE(c, nullptr);
+  EXPECT_EQ(Capacity(c), 3);
+  EXPECT_EQ(((ListStruct*)c->data)->minNumItemsIncrease, 9);
+  EXPECT_EQ(((ListStruct*)c->data)->percentIncrease, 50);
+  EXPECT_EQ(ListEqual(a, c) + ListEqual(a, a), 2);
+  EXPECT_EQ(ListEqual(a, nullptr), 0);
+  int v = 4;
+  ListInsertItem(c, &v, 0);
+  EXPECT_EQ(ListEqual(a, c), 0);
+
+  EXPECT_EQ(ListAppend(a, c), 1);
+  EXPECT_EQ(Items(a), (V{1, 2, 3, 1, 2, 3, 4}));
+  EXPECT_EQ(Capacity(a), 7);
+  EXPECT_EQ(ListAppend(a, a), 1);  // appending a list to itself
+  EXPECT_EQ(Items(a), (V{1, 2, 3, 1, 2, 3, 4, 1, 2, 3, 1, 2, 3, 4}));
+  ListType bytes = ListCreate(1);
+  char ch = 1;
+  ListInsertItem(bytes, &ch, 0);
+  EXPECT_EQ(ListAppend(a, bytes), 0);  // other item size
+  EXPECT_EQ(ListNumItems(a), 14);
+  EXPECT_EQ(ListAppend(a, nullptr), 1);
+  EXPECT_EQ(ListAppend(nullptr, c), 0);
+  EXPECT_EQ(ListEqual(bytes, a), 0);  // smaller items, never read past
+  for (ListType l : {bytes, a, c}) ListDispose(l);
+}
+
+TEST(List, OrderedInsertionSearchAndDuplicates) {
+  ListType l = ListCreate(sizeof(int));
+  for (int v : {5, 1, 9, 5, 3, 7, 1}) ASSERT_EQ(ListInsertInOrder(l, &v, IntCompare), 1);
+  EXPECT_EQ(Items(l), (V{1, 1, 3, 5, 5, 7, 9}));
+  EXPECT_EQ(ListIsSorted(l, IntCompare), 1);
+  int seven = 7, eight = 8, five = 5, nine = 9;
+  EXPECT_EQ(ListBinSearch(l, &seven, IntCompare), 6);
+  EXPECT_EQ(ListBinSearch(l, &eight, IntCompare), 0);
+  for (auto [from, want] : {std::pair{1, 4}, {5, 5}, {6, 0}, {8, 0}})
+    EXPECT_EQ(ListFindItem(l, &five, from, IntCompare), want) << from;
+  EXPECT_EQ(ListFindItem(l, &nine, 0, nullptr), 7);  // 0 starts at the last item
+  ListDispose(l);
+
+  // An equal value goes directly before the equal item the search hit.
+  struct P { int key, tag; };
+  ListType p = ListCreate(sizeof(P));
+  P items[] = {{1, 0}, {2, 0}, {3, 0}}, n = {2, 1}, got;
+  ListInsertItems(p, items, 0, 3);
+  ListInsertInOrder(p, &n, IntCompare);
+  ListGetItem(p, &got, 2);
+  EXPECT_EQ(got.tag, 1);
+  ListDispose(p);
+
+  l = ListOf({3, 1, 3, 2, 1, 3, 4, 2});
+  ListRemoveDuplicates(l, IntCompare);
+  EXPECT_EQ(Items(l), (V{3, 1, 2, 4}));  // the first of each kept, in order
+  ListDispose(l);
+}
+
+TEST(List, SortsApplyAndPointerLists) {
+  for (auto sorter : {ListQuickSort, ListHeapSort, ListInsertionSort}) {
+    ListType l = ListOf({9, -3, 7, 0, 7, 2});
+    sorter(l, IntCompare);
+    EXPECT_EQ(Items(l), (V{-3, 0, 2, 7, 7, 9}));
+    ListDispose(l);
+  }
+  ListType l = ListOf({1, 2, 3, 4});
+  V seen;
+  auto record = [](int index, void* item, void* data) -> int {
+    static_cast<V*>(data)->push_back(index * 100 + *(int*)item);
+    return *(int*)item == 2 ? -5 : 1;
+  };
+  EXPECT_EQ(ListApplyToEach(l, 1, record, &seen), -5);
+  EXPECT_EQ(seen, (V{101, 202}));
+  seen.clear();
+  EXPECT_EQ(ListApplyToEach(l, 0, record, &seen), -5);
+  EXPECT_EQ(seen, (V{404, 303, 202}));
+  // A function that shrinks the list while walking.
+  auto shrink = [](int index, void*, void* data) -> int {
+    ListRemoveItem(*(ListType*)data, nullptr, index);
+    return 0;
+  };
+  EXPECT_EQ(ListApplyToEach(l, 1, shrink, &l), 0);
+  EXPECT_EQ(Items(l), (V{2, 4}));
+  ListDispose(l);
+  EXPECT_EQ(ListApplyToEach(nullptr, 1, record, &seen), 0);
+
+  l = ListCreate(sizeof(char*));
+  for (int i = 0; i < 3; ++i) {
+    char* s = (char*)malloc(8);
+    ListInsertItem(l, &s, 0);
+  }
+  ListDisposePtrList(l);  // leaks show under the sanitizer build
 }
 
 }  // namespace

@@ -1,54 +1,42 @@
 // Replies no honest device sends, from a scripted loopback peer: more data
 // than asked for, a reply trickling in byte by byte, an empty reply without
-// a reason.  Each must end in a clear status, never in an overflow or a hang.
-#include <netinet/tcp.h>
-
+// a reason, a short create_link reply.  Each must end in a clear status,
+// never in an overflow or a hang.
 #include "common.h"
 
 using namespace vx;
 
 namespace {
 
+// Builds a reply for (raw xid, procedure).
 using Responder = std::function<std::string(const std::string& xid, uint32_t proc)>;
 
-uint32_t be(const std::string& s, size_t off) {
-  uint32_t v;
-  memcpy(&v, s.data() + off, 4);
-  return ntohl(v);
-}
-
 void putBe(std::string& s, uint32_t v) {
-  v = htonl(v);
-  s.append((const char*)&v, 4);
+  for (int i = 3; i >= 0; --i) s += (char)(v >> (8 * i));
 }
 
-// Reply head (record mark filled in later) for a given raw xid.
-std::string head(const std::string& xid) {
+// A reply record: mark, xid, accepted with success, then the given words and
+// `dataBytes` of 'z' padded to a word.
+std::string reply(const std::string& xid, std::initializer_list<uint32_t> words, size_t dataBytes = 0) {
   std::string s(4, '\0');
   s += xid;
   for (uint32_t w : {1u, 0u, 0u, 0u, 0u}) putBe(s, w);
+  for (uint32_t w : words) putBe(s, w);
+  s.append((dataBytes + 3) & ~(size_t)3, 'z');
+  uint32_t mark = htonl(0x80000000u | (uint32_t)(s.size() - 4));
+  memcpy(&s[0], &mark, 4);
   return s;
 }
 
-std::string marked(std::string body) {
-  uint32_t mark = htonl(0x80000000u | (uint32_t)(body.size() - 4));
-  memcpy(&body[0], &mark, 4);
-  return body;
+std::string readReply(const std::string& xid, int32_t size, int32_t reason, size_t dataBytes) {
+  return reply(xid, {0, (uint32_t)reason, (uint32_t)size}, dataBytes);
 }
 
-// One connection; every call record is answered by the responder, sent in
-// pieces of `piece` bytes.
+// One connection on 127.0.0.5; every call record is answered by the
+// responder, sent in pieces of `piece` bytes.
 class ScriptedPeer {
  public:
   ScriptedPeer(Responder r, size_t piece) : respond_(std::move(r)), piece_(piece) {
-    lsn_ = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    inet_pton(AF_INET, "127.0.0.5", &a.sin_addr);
-    bind(lsn_, (sockaddr*)&a, sizeof a);
-    listen(lsn_, 1);
-    socklen_t len = sizeof addr_;
-    getsockname(lsn_, (sockaddr*)&addr_, &len);
     thread_ = std::thread([this] { run(); });
   }
   ~ScriptedPeer() {
@@ -58,44 +46,30 @@ class ScriptedPeer {
     close(lsn_);
     if (conn_ >= 0) close(conn_);
   }
-  sockaddr_in addr_{};
+  int dial() { return kt::connectTo("127.0.0.5", 5555); }
 
  private:
   void run() {
-    conn_ = accept(lsn_, nullptr, nullptr);
-    if (conn_ < 0) return;
-    int one = 1;
-    setsockopt(conn_, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    if ((conn_ = accept(lsn_, nullptr, nullptr)) < 0) return;
     for (;;) {
-      char m[4];
-      if (recv(conn_, m, 4, MSG_WAITALL) != 4) return;
       uint32_t len;
-      memcpy(&len, m, 4);
-      len = ntohl(len) & 0x7FFFFFFFu;
-      std::string body(len, '\0');
-      if (len && recv(conn_, &body[0], len, MSG_WAITALL) != (ssize_t)len) return;
-      std::string reply = respond_(body.substr(0, 4), be(body, 20));
-      for (size_t off = 0; off < reply.size(); off += piece_) {
-        send(conn_, reply.data() + off, std::min(piece_, reply.size() - off), MSG_NOSIGNAL);
-        if (piece_ < reply.size()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      if (recv(conn_, &len, 4, MSG_WAITALL) != 4) return;
+      std::string body(ntohl(len) & 0x7FFFFFFFu, '\0');
+      if (body.size() < 24 || recv(conn_, &body[0], body.size(), MSG_WAITALL) != (ssize_t)body.size()) return;
+      uint32_t proc;
+      memcpy(&proc, body.data() + 20, 4);
+      std::string out = respond_(body.substr(0, 4), ntohl(proc));
+      for (size_t off = 0; off < out.size(); off += piece_) {
+        send(conn_, out.data() + off, std::min(piece_, out.size() - off), MSG_NOSIGNAL);
+        if (piece_ < out.size()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
       }
     }
   }
   Responder respond_;
   size_t piece_;
-  int lsn_ = -1;
-  int conn_ = -1;
+  int lsn_ = kt::listenOn("127.0.0.5", 5555), conn_ = -1;
   std::thread thread_;
 };
-
-std::string readReply(const std::string& xid, int32_t size, int32_t reason, size_t dataBytes) {
-  std::string s = head(xid);
-  putBe(s, 0);
-  putBe(s, (uint32_t)reason);
-  putBe(s, (uint32_t)size);
-  s.append((dataBytes + 3) & ~(size_t)3, 'z');
-  return marked(s);
-}
 
 class Vxi11Hostile : public Vxi11Test {
  protected:
@@ -103,8 +77,8 @@ class Vxi11Hostile : public Vxi11Test {
     KvTcpInfo* r = newRecord();
     opened.push_back(r);
     open_mutex_core(r, "127.0.0.5");
-    r->S_Core = socket(AF_INET, SOCK_STREAM, 0);
-    EXPECT_EQ(::connect(r->S_Core, (sockaddr*)&peer.addr_, sizeof peer.addr_), 0);
+    r->S_Core = peer.dial();
+    EXPECT_GE(r->S_Core, 0);
     r->tcpType = KVTCP_VXI11;
     r->lid = 1;
     r->maxRecvSize = 1024;
@@ -145,10 +119,7 @@ TEST_F(Vxi11Hostile, RepliesTricklingInAreAssembled) {
 
 TEST_F(Vxi11Hostile, EmptyReplyWithoutReasonDoesNotLoop) {
   int calls = 0;
-  ScriptedPeer peer([&](const std::string& xid, uint32_t) {
-    calls++;
-    return readReply(xid, 0, 0, 0);
-  }, 4096);
+  ScriptedPeer peer([&](const std::string& xid, uint32_t) { return calls++, readReply(xid, 0, 0, 0); }, 4096);
   KvTcpInfo* r = attach(peer);
   char buf[32];
   int n = -1;
@@ -158,13 +129,10 @@ TEST_F(Vxi11Hostile, EmptyReplyWithoutReasonDoesNotLoop) {
 }
 
 TEST_F(Vxi11Hostile, ShortCreateLinkReplyIsRefused) {
-  ScriptedPeer peer([](const std::string& xid, uint32_t) {
-    std::string s = head(xid);
-    putBe(s, 0);  // error only: lid, abort port and maxRecvSize missing
-    return marked(s);
-  }, 4096);
-  int s = socket(AF_INET, SOCK_STREAM, 0);
-  ASSERT_EQ(::connect(s, (sockaddr*)&peer.addr_, sizeof peer.addr_), 0);
+  // The error word only: lid, abort port and maxRecvSize are missing.
+  ScriptedPeer peer([](const std::string& xid, uint32_t) { return reply(xid, {0}); }, 4096);
+  int s = peer.dial();
+  ASSERT_GE(s, 0);
   unsigned int lid = 42, maxRecv = 42;
   unsigned short abortPort = 42;
   EXPECT_EQ(vxi11CreateLink(s, "inst0", &lid, &abortPort, &maxRecv), VI_ERROR_IO);

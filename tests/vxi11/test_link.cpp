@@ -7,7 +7,7 @@ using namespace vx;
 
 namespace {
 
-TEST_F(Vxi11Test, ConnectsThroughOwnPortmapperAndDestroysLinkOnDisconnect) {
+TEST_F(Vxi11Test, ConnectDisconnectAndConnectAgain) {
   startSim();
   KvTcpInfo* r = connect();
   ASSERT_EQ(r->Connected, 1);
@@ -21,8 +21,16 @@ TEST_F(Vxi11Test, ConnectsThroughOwnPortmapperAndDestroysLinkOnDisconnect) {
   EXPECT_EQ(sim->deviceNames(), std::vector<std::string>{"inst0"});
   EXPECT_EQ(r->S_Intr, 0);  // no event handler: no interrupt channel
   EXPECT_EQ(ntohl(r->myAddr.sin_addr.s_addr) >> 24, 127u);  // the local end of the core socket
+  EXPECT_STREQ(r->coreMutexName, "_kv127_0_0_2Mutex_Core");
+  EXPECT_STREQ(r->intfMutexName, "_kv127_0_0_2Mutex_Intf");
+  EXPECT_EQ(kvtcp_Lock(r), VI_SUCCESS);
+  kvtcp_UnLock(r);
 
   uint32_t lid = r->lid;
+  EXPECT_EQ(kvtcp_vxi11_Connect(nullptr, r, kAddr, "inst0"), VI_SUCCESS);  // already connected: nothing new
+  EXPECT_EQ(r->lid, lid);
+  EXPECT_EQ(sim->links().size(), 1u);
+
   kvtcp_Disconnect(r);
   EXPECT_EQ(r->Connected, 0);
   EXPECT_EQ(r->S_Core, 0);
@@ -51,26 +59,6 @@ TEST_F(Vxi11Test, ConnectsThroughRealRpcbind) {
   sim->stop();  // unregisters before rpcbind goes
 }
 
-TEST_F(Vxi11Test, ConnectStatesAlreadyConnectedRecord) {
-  startSim();
-  KvTcpInfo* r = connect();
-  uint32_t lid = r->lid;
-  EXPECT_EQ(kvtcp_vxi11_Connect(nullptr, r, kAddr, "inst0"), VI_SUCCESS);
-  EXPECT_EQ(r->lid, lid);
-  EXPECT_EQ(sim->links().size(), 1u);
-}
-
-TEST_F(Vxi11Test, MutexNamesFollowTheAddress) {
-  startSim();
-  KvTcpInfo* r = connect();
-  EXPECT_STREQ(r->coreMutexName, "_kv127_0_0_2Mutex_Core");
-  EXPECT_STREQ(r->intfMutexName, "_kv127_0_0_2Mutex_Intf");
-  EXPECT_NE(r->hCoreMutex, nullptr);
-  EXPECT_NE(r->hIntfMutex, nullptr);
-  EXPECT_EQ(kvtcp_Lock(r), VI_SUCCESS);
-  kvtcp_UnLock(r);
-}
-
 TEST_F(Vxi11Test, SharedRootMakesSecondLinkOnSameSocket) {
   startSim();
   KvTcpInfo* root = connect("inst0");
@@ -81,17 +69,14 @@ TEST_F(Vxi11Test, SharedRootMakesSecondLinkOnSameSocket) {
   EXPECT_EQ(child->port, root->port);
   EXPECT_NE(child->lid, root->lid);
   EXPECT_NE(child->lid, KVTCP_NO_LINK);
-  EXPECT_EQ(sim->links().size(), 2u);
   // The shared channel addresses the root's device, whatever the child asked for.
   EXPECT_EQ(sim->deviceNames(), (std::vector<std::string>{"inst0", "inst0"}));
   EXPECT_STREQ(child->InstName, "inst0");
   EXPECT_TRUE(logged("connected!"));
 
   // Each record writes under its own link id.
-  char a[] = "*CLS\n", b[] = "*OPC?\n";
-  int n = 0;
-  ASSERT_EQ(kvtcp_Write(root, 1000, a, 5, 0x0002, &n), VI_SUCCESS);
-  ASSERT_EQ(kvtcp_Write(child, 1000, b, 6, 0x0002, &n), VI_SUCCESS);
+  send(root, "*CLS\n");
+  send(child, "*OPC?\n");
   auto w = sim->writes();
   ASSERT_EQ(w.size(), 2u);
   EXPECT_EQ(w[0].lid, (int32_t)root->lid);
@@ -108,72 +93,42 @@ TEST_F(Vxi11Test, SharedRootMakesSecondLinkOnSameSocket) {
   root->Connected = 0;
 }
 
-TEST_F(Vxi11Test, GetportZeroFailsTheConnect) {
-  vxi11sim::Faults f;
-  f.getportZero = true;
-  startSim(f);
-  int st = 0;
-  KvTcpInfo* r = connect("inst0", nullptr, &st);
-  EXPECT_EQ(st, VI_ERROR_RSRC_NFOUND);
-  EXPECT_EQ(r->Connected, 0);
-  EXPECT_EQ(r->S_Core, 0);
-  EXPECT_TRUE(logged("rpc reply wrong xid"));
-  EXPECT_TRUE(logged("ErroR Connect TCP Interface"));
-
-  // The look-up itself reports an I/O error.
-  int s = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_port = htons(111);
-  inet_pton(AF_INET, kAddr, &a.sin_addr);
-  ASSERT_EQ(::connect(s, (sockaddr*)&a, sizeof a), 0);
-  unsigned short port = 77;
-  EXPECT_EQ(GetPMapVXI11(s, &port), VI_ERROR_IO);
-  EXPECT_EQ(port, 77);
-  close(s);
-}
-
-TEST_F(Vxi11Test, NoPortmapperFailsTheConnect) {
-  startSim({}, vxi11sim::PortmapMode::None);
-  int st = 0;
-  KvTcpInfo* r = connect("inst0", nullptr, &st);
-  EXPECT_EQ(st, VI_ERROR_RSRC_NFOUND);
-  EXPECT_EQ(r->Connected, 0);
-  EXPECT_EQ(r->S_Core, 0);
-}
-
-TEST_F(Vxi11Test, HostNameIsNotConnectedToBroadcast) {
-  startSim();
-  KvTcpInfo* r = newRecord();
-  opened.push_back(r);
-  EXPECT_EQ(kvtcp_vxi11_Connect(nullptr, r, "no.such.host.invalid", "inst0"), VI_ERROR_RSRC_NFOUND);
-  EXPECT_EQ(r->Connected, 0);
-}
-
-TEST_F(Vxi11Test, CreateLinkErrorFailsTheConnect) {
-  vxi11sim::Faults f;
-  f.deviceErrorProc = VXI11_CREATE_LINK;
-  f.deviceError = 3;  // device not accessible
-  startSim(f);
-  int st = 0;
-  KvTcpInfo* r = connect("inst0", nullptr, &st);
-  EXPECT_EQ(st, VI_ERROR_RSRC_NFOUND);
-  EXPECT_EQ(r->Connected, 0);
-  EXPECT_EQ(r->S_Core, 0);
-  EXPECT_EQ(r->lid, KVTCP_NO_LINK);
-}
-
-TEST_F(Vxi11Test, HugeMaxRecvSizeIsCapped) {
-  vxi11sim::Faults f;
-  f.maxRecvSize = 0xFFFFFFFFu;
-  startSim(f);
-  KvTcpInfo* r = connect();
-  EXPECT_EQ(r->maxRecvSize, 0x7FFFFFFFu);
-  std::vector<char> data(20001, 'x');
-  int n = 0;
-  ASSERT_EQ(kvtcp_Write(r, 1000, data.data(), 20000, 0x0002, &n), VI_SUCCESS);
-  EXPECT_EQ(n, 20000);
-  ASSERT_EQ(sim->writes().size(), 1u);
+TEST_F(Vxi11Test, ConnectFailuresLeaveTheRecordDown) {
+  vxi11sim::Faults getportZero, linkError;
+  getportZero.getportZero = true;
+  linkError.deviceErrorProc = VXI11_CREATE_LINK;
+  linkError.deviceError = 3;  // device not accessible
+  const struct {
+    const char* what;
+    vxi11sim::Faults faults;
+    vxi11sim::PortmapMode pm;
+    const char* addr;
+  } cases[] = {
+      {"port 0 from the portmapper", getportZero, vxi11sim::PortmapMode::Own, kAddr},
+      {"no portmapper", {}, vxi11sim::PortmapMode::None, kAddr},
+      {"create_link error", linkError, vxi11sim::PortmapMode::Own, kAddr},
+      {"host name (never resolved or broadcast)", {}, vxi11sim::PortmapMode::Own, "no.such.host.invalid"},
+  };
+  for (auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    startSim(c.faults, c.pm);
+    int st = 0;
+    KvTcpInfo* r = connect("inst0", nullptr, &st, c.addr);
+    EXPECT_EQ(st, VI_ERROR_RSRC_NFOUND);
+    EXPECT_EQ(r->Connected, 0);
+    EXPECT_EQ(r->S_Core, 0);
+    EXPECT_EQ(r->lid, KVTCP_NO_LINK);
+    if (c.faults.getportZero) {
+      EXPECT_TRUE(logged("rpc reply wrong xid"));
+      EXPECT_TRUE(logged("ErroR Connect TCP Interface"));
+      int s = kt::connectTo(kAddr, 111);  // the look-up itself reports an I/O error
+      unsigned short port = 77;
+      EXPECT_EQ(GetPMapVXI11(s, &port), VI_ERROR_IO);
+      EXPECT_EQ(port, 77);
+      close(s);
+    }
+    sim->stop();
+  }
 }
 
 TEST_F(Vxi11Test, MissingOrRefusedAbortChannelIsNotAnError) {
@@ -184,8 +139,7 @@ TEST_F(Vxi11Test, MissingOrRefusedAbortChannelIsNotAnError) {
     KvTcpInfo* r = connect();
     EXPECT_EQ(r->Connected, 1);
     EXPECT_EQ(r->S_Abort, 0);
-    char q[] = "*OPC?\n";
-    char in[16] = {};
+    char q[] = "*OPC?\n", in[16] = {};
     int n = 0;
     EXPECT_EQ(kvtcp_Query(r, 1000, q, 6, in, sizeof in, 0x0002, 0, &n), 2);
     EXPECT_STREQ(in, "1\n");
@@ -194,47 +148,12 @@ TEST_F(Vxi11Test, MissingOrRefusedAbortChannelIsNotAnError) {
   }
 }
 
-TEST_F(Vxi11Test, SimulatorServesTheAbortChannel) {
-  startSim();
-  KvTcpInfo* r = connect();
-  ASSERT_NE(r->S_Abort, 0);
-  struct {
-    rpc_call_msg hdr;
-    uint32_t lid;
-  } call{};
-  call.hdr.len = htonl(0x80000000u | (sizeof call - 4));
-  call.hdr.xid = 0x11223344;
-  call.hdr.rpcvers = htonl(2);
-  call.hdr.prog = htonl(DEVICE_ASYNC_PROG);
-  call.hdr.vers = htonl(1);
-  call.hdr.proc = htonl(1);  // device_abort
-  call.lid = htonl(r->lid);
-  int n = 0;
-  ASSERT_EQ(sendAll(r->S_Abort, (const char*)&call, sizeof call, &n), VI_SUCCESS);
-  Device_Error reply{};
-  ASSERT_EQ(recvMin(r->S_Abort, 2000, (char*)&reply, sizeof reply, sizeof reply, &n), VI_SUCCESS);
-  EXPECT_EQ(reply.hdr.xid, 0x11223344u);
-  EXPECT_EQ(reply.hdr.stat, 0u);
-  EXPECT_EQ(reply.error, 0);
-  EXPECT_EQ(sim->abortCount(), 1);
-}
-
 TEST(Vxi11SimOptions, FaultSwitchesAndLoopbackOnly) {
   vxi11sim::Faults f;
-  EXPECT_TRUE(vxi11sim::parseFault("device-error=12:17", &f));
-  EXPECT_EQ(f.deviceErrorProc, 12);
-  EXPECT_EQ(f.deviceError, 17);
   EXPECT_TRUE(vxi11sim::parseFault("late=13:500", &f));
   EXPECT_EQ(f.lateProc, 13);
   EXPECT_EQ(f.lateMs, 500u);
-  EXPECT_TRUE(vxi11sim::parseFault("huge-maxrecv", &f));
-  EXPECT_EQ(f.maxRecvSize, 0xFFFFFFFFu);
-  EXPECT_TRUE(vxi11sim::parseFault("refused-abort", &f));
-  EXPECT_EQ(f.abort, vxi11sim::AbortMode::Refused);
-  EXPECT_FALSE(vxi11sim::parseFault("late=13", &f));
-  EXPECT_FALSE(vxi11sim::parseFault("no-abort=1", &f));
-  EXPECT_FALSE(vxi11sim::parseFault("bogus", &f));
-
+  for (const char* bad : {"late=13", "no-abort=1", "bogus"}) EXPECT_FALSE(vxi11sim::parseFault(bad, &f)) << bad;
   vxi11sim::Options o;
   o.address = "10.1.2.3";
   vxi11sim::Simulator sim(o);

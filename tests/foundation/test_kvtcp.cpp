@@ -1,0 +1,730 @@
+// The transport's foundation: the connection record (mutex names, the
+// non-blocking lock rules, disconnect and close, the loss-of-connection rule,
+// socket options, name resolution, the logging hooks) and the socket
+// primitives against real peers, with failures injected through the
+// send/recv/delay seams.  Runs isolated: the mutex names are fixed.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <semaphore.h>
+#include <stdarg.h>
+#include <string.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <deque>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kvlog.h"
+#include "kvtcp_internal.h"
+#include "visa-ipc.h"
+
+namespace {
+
+// What the library logs through the host's two hooks while a LogCapture
+// lives (the tests log from their own thread only).
+struct LogLine {
+  int hook, level1, level2;  // hook 1: pkvFSpyLog (level), 2: pkvFRSpyLog (two levels)
+  std::string format, text;
+  int firstInt;  // hook 1: the first argument (the formats start "path(%d) ")
+};
+std::vector<LogLine> g_log;
+
+void record(int hook, int l1, int l2, const char* fmt, va_list ap) {
+  va_list cp;
+  va_copy(cp, ap);
+  char buf[4096];
+  vsnprintf(buf, sizeof buf, fmt, ap);
+  g_log.push_back({hook, l1, l2, fmt, buf, hook == 1 ? va_arg(cp, int) : 0});
+  va_end(cp);
+}
+void hook1(int level, const char* fmt, ...) {
+  va_list ap;
+  va_start(ap, fmt);
+  record(1, level, 0, fmt, ap);
+  va_end(ap);
+}
+void hook2(int l1, int l2, const char* fmt, ...) {
+  va_list ap;
+  va_start(ap, fmt);
+  record(2, l1, l2, fmt, ap);
+  va_end(ap);
+}
+struct LogCapture {
+  kvFSpyLog_t savedF = pkvFSpyLog;
+  kvFRSpyLog_t savedR = pkvFRSpyLog;
+  LogCapture() {
+    g_log.clear();
+    pkvFSpyLog = hook1;
+    pkvFRSpyLog = hook2;
+  }
+  ~LogCapture() {
+    pkvFSpyLog = savedF;
+    pkvFRSpyLog = savedR;
+  }
+  bool anyContains(const std::string& s) const {
+    auto has = [&](const LogLine& l) { return l.text.find(s) != std::string::npos; };
+    return std::any_of(g_log.begin(), g_log.end(), has);
+  }
+};
+
+bool semExists(const std::string& name) { return access(("/dev/shm/sem." + name).c_str(), F_OK) == 0; }
+
+int semValue(HANDLE h) {
+  int v = -1;
+  sem_getvalue(static_cast<sem_t*>(h), &v);
+  return v;
+}
+
+std::unique_ptr<KvTcpInfo> zeroed() {
+  auto r = std::make_unique<KvTcpInfo>();
+  memset(static_cast<void*>(r.get()), 0, sizeof(KvTcpInfo));
+  return r;
+}
+
+// A socket pair standing in for a connection: the code under test gets a,
+// the test keeps b to see what was sent and when a was closed.
+struct Pair {
+  int a = -1, b = -1;
+  Pair() {
+    int sv[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM, 0, sv) == 0) a = sv[0], b = sv[1];
+  }
+  ~Pair() {
+    if (a >= 0) close(a);
+    if (b >= 0) close(b);
+  }
+  int give() {  // a now belongs to the record, which closes it
+    return std::exchange(a, -1);
+  }
+  void closeB() { close(std::exchange(b, -1)); }
+  bool closedByRecord() const {  // b reads end of file
+    char buf[64];
+    ssize_t r;
+    while ((r = recv(b, buf, sizeof buf, MSG_DONTWAIT)) > 0) {
+    }
+    return r == 0;
+  }
+  bool received() const {
+    char c;
+    return recv(b, &c, 1, MSG_DONTWAIT | MSG_PEEK) == 1;
+  }
+};
+
+// A loopback TCP listener on an ephemeral port.
+struct Listener {
+  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in addr{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+  explicit Listener(int backlog = 8) {
+    socklen_t len = sizeof addr;
+    bind(fd, (sockaddr*)&addr, sizeof addr);
+    getsockname(fd, (sockaddr*)&addr, &len);
+    listen(fd, backlog);
+  }
+  ~Listener() { close(fd); }
+};
+
+// Seam scripting: each entry of sendErrors/recvErrors is an errno to fail
+// the next call with (0: a real call); segments are scripted recv results.
+// The real calls come back when it goes out of scope.
+struct Seams {
+  static inline int sendCalls, recvCalls, sleeps;
+  static inline std::deque<int> sendErrors, recvErrors;
+  static inline std::deque<std::string> segments;
+  static inline int backing;         // real socket that keeps poll ready
+  static inline size_t partialSend;  // 0: send all, else at most this much
+
+  Seams() {
+    sendCalls = recvCalls = sleeps = 0;
+    sendErrors.clear();
+    recvErrors.clear();
+    segments.clear();
+    backing = -1;
+    partialSend = 0;
+    kvtcp_sys_send = fakeSend;
+    kvtcp_sys_recv = fakeRecv;
+    kvtcp_sys_delay_ms = [](ViUInt64) { sleeps++; };
+  }
+  ~Seams() {
+    kvtcp_sys_send = send;
+    kvtcp_sys_recv = recv;
+    kvtcp_sys_delay_ms = util_delay_ms;
+  }
+  static bool injected(std::deque<int>& q) {
+    errno = q.empty() ? 0 : q.front();
+    if (!q.empty()) q.pop_front();
+    return errno != 0;
+  }
+  static ssize_t fakeSend(int s, const void* buf, size_t len, int flags) {
+    sendCalls++;
+    if (injected(sendErrors)) return -1;
+    return send(s, buf, partialSend ? std::min(len, partialSend) : len, flags);
+  }
+  static ssize_t fakeRecv(int s, void* buf, size_t len, int flags) {
+    recvCalls++;
+    if (injected(recvErrors)) return -1;
+    if (segments.empty()) return recv(s, buf, len, flags);
+    std::string seg = segments.front().substr(0, len);
+    segments.pop_front();
+    memcpy(buf, seg.data(), seg.size());
+    char b;
+    if (segments.empty() && backing >= 0) recv(backing, &b, 1, 0);  // done: let poll see silence
+    return (ssize_t)seg.size();
+  }
+  // Scripts recv on p.a to return these segments in turn.
+  void script(Pair& p, std::vector<std::string> segs) {
+    segments.assign(segs.begin(), segs.end());
+    backing = p.a;
+    send(p.b, "!", 1, 0);
+  }
+};
+
+std::string pattern(size_t n, int seed = 0) {
+  std::string s(n, '\0');
+  for (size_t i = 0; i < n; i++) s[i] = (char)('A' + (i * 7 + seed) % 26);
+  return s;
+}
+
+}  // namespace
+
+// ================================================================== record
+
+TEST(MutexNames, FromHostNameAndAddressSharedAndBounded) {
+  auto r = zeroed(), twin = zeroed();
+  open_mutex_core(r.get(), "my-host.lab");
+  EXPECT_STREQ(r->coreMutexName, "_kvmy_host_labMutex_Core");
+  ASSERT_NE(r->hCoreMutex, nullptr);
+  EXPECT_TRUE(semExists("_kvmy_host_labMutex_Core"));
+  EXPECT_EQ(semValue(r->hCoreMutex), 1);
+  EXPECT_EQ(r->hIntfMutex, nullptr);
+  open_mutex_intf(r.get(), "10.1.2.3");
+  EXPECT_STREQ(r->intfMutexName, "_kv10_1_2_3Mutex_Intf");
+  EXPECT_TRUE(semExists("_kv10_1_2_3Mutex_Intf"));
+  // Another record for the same address shares the semaphore.
+  open_mutex_core(twin.get(), "my-host.lab");
+  ReleaseCoreLock(r.get());
+  EXPECT_EQ(semValue(twin->hCoreMutex), 2);
+  kvtcp_Close(twin.get());
+  kvtcp_Close(r.get());
+  EXPECT_EQ(r->hCoreMutex, nullptr);
+  EXPECT_EQ(r->hIntfMutex, nullptr);
+  EXPECT_FALSE(semExists("_kvmy_host_labMutex_Core"));
+  EXPECT_FALSE(semExists("_kv10_1_2_3Mutex_Intf"));
+
+  std::string longAddr(300, 'h');  // truncated to the field
+  open_mutex_intf(r.get(), longAddr.c_str());
+  EXPECT_EQ(strlen(r->intfMutexName), sizeof r->intfMutexName - 1);
+  EXPECT_NE(r->hIntfMutex, nullptr);
+  kvtcp_Close(r.get());
+  // The byte-order helpers swap unconditionally.
+  EXPECT_EQ(myntohl(0x11223344u), 0x44332211u);
+  EXPECT_EQ(myhtonl(0x11223344u), 0x44332211u);
+  EXPECT_EQ(myhtons(0x1122), 0x2211);
+}
+
+TEST(LockRules, Vxi11RecordUsesTheCoreMutexWithoutTakingIt) {
+  auto r = zeroed();
+  r->tcpType = KVTCP_VXI11;
+  open_mutex_core(r.get(), "127.0.0.5");
+  open_mutex_intf(r.get(), "127.0.0.5");
+  EXPECT_EQ(kvtcp_Lock(r.get()), VI_SUCCESS);
+  EXPECT_EQ(semValue(r->hCoreMutex), 1);  // no wait, nothing taken
+  EXPECT_EQ(semValue(r->hIntfMutex), 1);
+  // The release posts what the wait never took (kept on purpose).
+  kvtcp_UnLock(r.get());
+  EXPECT_EQ(semValue(r->hCoreMutex), 2);
+  EXPECT_EQ(semValue(r->hIntfMutex), 1);
+  EXPECT_EQ(r->nCoreLocked, 0);  // never below 0
+  r->nCoreLocked = 2;
+  kvtcp_UnLock(r.get());
+  EXPECT_EQ(r->nCoreLocked, 1);
+  kvtcp_Close(r.get());
+}
+
+TEST(LockRules, HislipRecordUsesTheInterfaceMutexOnly) {
+  auto r = zeroed();
+  // Without any mutex: the record lock passes, the waits report a lost link.
+  EXPECT_EQ(kvtcp_Lock(r.get()), VI_SUCCESS);
+  kvtcp_UnLock(r.get());
+  EXPECT_EQ(WaitIntfLock(r.get()), VI_ERROR_CONN_LOST);
+  ReleaseCoreLock(r.get());  // null handle: nothing to post
+  EXPECT_EQ(r->nCoreLocked, 0);
+  r->tcpType = KVTCP_HISLIP;
+  open_mutex_intf(r.get(), "127.0.0.6");
+  EXPECT_EQ(kvtcp_Lock(r.get()), VI_SUCCESS);
+  kvtcp_UnLock(r.get());
+  EXPECT_EQ(semValue(r->hIntfMutex), 1);  // the interface release does nothing
+  EXPECT_EQ(WaitCoreLock(r.get()), VI_ERROR_CONN_LOST);
+  kvtcp_Close(r.get());
+}
+
+TEST(Close, NeverConnectedClosesOnlyTheOpenMutexes) {
+  auto r = zeroed();
+  Pair c;
+  r->S_Core = c.a;  // a stray descriptor with Connected 0 is not touched
+  open_mutex_intf(r.get(), "127.0.0.7");
+  kvtcp_Close(r.get());
+  EXPECT_EQ(r->hIntfMutex, nullptr);
+  EXPECT_EQ(r->hCoreMutex, nullptr);
+  EXPECT_FALSE(semExists("_kv127_0_0_7Mutex_Intf"));
+  EXPECT_EQ(r->S_Core, c.a);
+  EXPECT_GE(fcntl(c.a, F_GETFD), 0);
+  kvtcp_Close(r.get());  // twice is harmless
+  kvtcp_Disconnect(nullptr);
+  kvtcp_Close(nullptr);
+}
+
+TEST(Disconnect, ClosesEverySocketThenOnlyLogs) {
+  LogCapture log;
+  auto r = zeroed();
+  Pair core, abortCh, intr;
+  strcpy(r->TcpipAddr, "127.0.0.8");
+  r->tcpType = KVTCP_RAW;
+  r->Connected = 1;
+  r->S_Core = core.give();
+  r->S_Abort = abortCh.give();
+  r->S_Intr = intr.give();
+  open_mutex_intf(r.get(), "127.0.0.8");
+  kvtcp_Disconnect(r.get());
+  EXPECT_EQ(r->Connected, 0);
+  EXPECT_EQ(r->S_Core | r->S_Abort | r->S_Intr, 0);
+  for (Pair* p : {&core, &abortCh, &intr}) EXPECT_TRUE(p->closedByRecord());
+  EXPECT_NE(r->hIntfMutex, nullptr);  // kept for a reconnect
+  for (const char* what : {"close core socket", "close abort socket", "close intr socket"})
+    EXPECT_TRUE(log.anyContains(what)) << what;
+
+  g_log.clear();
+  kvtcp_Disconnect(r.get());
+  ASSERT_EQ(g_log.size(), 1u);
+  EXPECT_NE(g_log[0].text.find("127.0.0.8"), std::string::npos);
+  kvtcp_Close(r.get());
+  EXPECT_EQ(r->hIntfMutex, nullptr);
+}
+
+TEST(CoreFailure, OtherErrorsDoNotCountAsTimeOuts) {
+  auto r = zeroed();
+  Pair core, intr;
+  r->tcpType = KVTCP_VXI11;
+  r->Connected = 1;
+  r->lid = KVTCP_NO_LINK;
+  r->S_Core = core.give();
+  r->S_Intr = intr.give();
+  open_mutex_core(r.get(), "127.0.0.12");
+  open_mutex_intf(r.get(), "127.0.0.12");
+  EXPECT_EQ(kvtcp_RecordCoreFailure(r.get(), VI_ERROR_TMO), VI_ERROR_TMO);
+  EXPECT_EQ(kvtcp_RecordCoreFailure(r.get(), VI_ERROR_IO), VI_ERROR_IO);
+  EXPECT_EQ(kvtcp_RecordCoreFailure(r.get(), VI_ERROR_TMO), VI_ERROR_TMO);  // IO broke the run
+  EXPECT_EQ(r->Connected, 1);
+  // A time-out after a success (LastError back to 0) is a first one again.
+  r->LastError = 0;
+  EXPECT_EQ(kvtcp_RecordCoreFailure(r.get(), VI_ERROR_TMO), VI_ERROR_TMO);
+  EXPECT_EQ(r->Connected, 1);
+  // Disconnecting without a link sends nothing and makes no core call.
+  kvtcp_Disconnect(r.get());
+  EXPECT_FALSE(core.received());
+  EXPECT_TRUE(core.closedByRecord());
+  EXPECT_TRUE(intr.closedByRecord());
+  EXPECT_EQ(semValue(r->hCoreMutex), 1);
+  kvtcp_Close(r.get());
+}
+
+TEST(CoreFailure, PrepareDrainsAHalfReadReply) {
+  auto r = zeroed();
+  Pair core;
+  r->S_Core = core.a;
+  ASSERT_EQ(send(core.b, "late reply bytes", 16, 0), 16);
+  kvtcp_PrepareCore(r.get());  // clean state: nothing drained
+  EXPECT_EQ(CheckForRecv(core.a, 0), 1);
+  r->CoreState = -1;
+  kvtcp_PrepareCore(r.get());
+  EXPECT_EQ(r->CoreState, 0);
+  EXPECT_EQ(CheckForRecv(core.a, 0), 0);
+}
+
+TEST(SocketOptions, OnlyRawConnectionsAreTuned) {
+  EXPECT_EQ(kvtcp_sock_setNoDelay(nullptr, 1), VI_ERROR_CONN_LOST);
+  EXPECT_EQ(kvtcp_sock_setKeepAlive(nullptr, 1), VI_ERROR_CONN_LOST);
+  auto r = zeroed();
+  int s = socket(AF_INET, SOCK_STREAM, 0);
+  r->S_Core = s;
+  EXPECT_EQ(kvtcp_sock_setNoDelay(r.get(), 1), VI_ERROR_CONN_LOST);  // not connected
+  r->Connected = 1;
+  r->S_Core = 0;
+  EXPECT_EQ(kvtcp_sock_setNoDelay(r.get(), 1), VI_ERROR_CONN_LOST);  // no core socket
+  r->S_Core = s;
+  for (int kind : {KVTCP_HISLIP, KVTCP_VXI11}) {
+    r->tcpType = kind;
+    EXPECT_EQ(kvtcp_sock_setNoDelay(r.get(), 1), VI_SUCCESS);
+    EXPECT_EQ(kvtcp_sock_setKeepAlive(r.get(), 1), VI_SUCCESS);
+    EXPECT_EQ(r->SocketNoDelay | r->SocketKeepAlive, 0);
+  }
+  r->tcpType = KVTCP_RAW;
+  EXPECT_EQ(kvtcp_sock_setNoDelay(r.get(), 5), VI_SUCCESS);
+  EXPECT_EQ(kvtcp_sock_setKeepAlive(r.get(), 1), VI_SUCCESS);
+  EXPECT_EQ(r->SocketNoDelay, 1);  // normalised
+  EXPECT_EQ(kvtcp_sock_setNoDelay(r.get(), 0), VI_SUCCESS);
+  EXPECT_EQ(r->SocketNoDelay, 0);
+  EXPECT_EQ(r->SocketKeepAlive, 1);
+  close(s);
+}
+
+TEST(Resolve, DottedLocalUnknownAndOverlongNames) {
+  char ip[64] = "untouched", host[128] = "untouched";
+  kvtcp_toIpAddress("127.0.0.1", ip, host);
+  EXPECT_STREQ(ip, "127.0.0.1");
+  EXPECT_STREQ(host, "127.0.0.1");
+  strcpy(ip, "x");
+  kvtcp_toIpAddress("localhost", ip, host);
+  EXPECT_STREQ(ip, "127.0.0.1");
+  EXPECT_STRNE(host, "");
+  // Isolated: there is no network, so these fail without traffic and leave
+  // the outputs as they were (the long one without overrunning them).
+  strcpy(ip, "keep-ip");
+  strcpy(host, "keep-host");
+  std::string longName(200, 'a');
+  for (const char* name : {"no-such-host.invalid", longName.c_str(), (const char*)nullptr}) {
+    kvtcp_toIpAddress(name, ip, host);
+    EXPECT_STREQ(ip, "keep-ip");
+    EXPECT_STREQ(host, "keep-host");
+  }
+}
+
+TEST(Logging, TransportFormatsStartWithPathAndLine) {
+  auto r = zeroed();
+  strcpy(r->TcpipAddr, "127.0.0.13");
+  {
+    LogCapture log;
+    kvtcp_Disconnect(r.get());
+  }
+  ASSERT_EQ(g_log.size(), 1u);
+  const LogLine& l = g_log[0];
+  EXPECT_EQ(l.hook, 1);
+  EXPECT_EQ(l.level1, 0x4000);
+  const std::string path = "common/kvtcp/kvtcp.cpp(%d) ";
+  size_t at = l.format.find(path);
+  ASSERT_NE(at, std::string::npos) << l.format;
+  EXPECT_EQ(l.format.substr(0, at).find('('), std::string::npos);  // nothing before the path
+  EXPECT_GT(l.firstInt, 0);                                         // the source line
+  EXPECT_EQ(l.text, l.format.substr(0, at) + "common/kvtcp/kvtcp.cpp(" + std::to_string(l.firstInt) + ") 127.0.0.13");
+  // Without a first hook nothing is called; the second has a default.
+  kvFSpyLog_t saved = std::exchange(pkvFSpyLog, nullptr);
+  kvtcp_Disconnect(r.get());
+  pkvFSpyLog = saved;
+  ASSERT_NE(pkvFRSpyLog, nullptr);
+  pkvFRSpyLog(2, 0x4000, "%s: nRet = %d\n", "recvClear", 0);
+}
+
+// The primitives log through the second hook with their own name first; the
+// flags are logged on a success only when asked for, and only once.
+TEST(Logging, PrimitivesUseTheSecondHookWithTheFunctionName) {
+  LogCapture log;
+  Pair p;
+  char buf[8];
+  int n = -1;
+  EXPECT_EQ(recvMin(p.a, 0, buf, sizeof buf, 1, &n), VI_ERROR_TMO);
+  auto withFormat = [](const char* f) {
+    return std::count_if(g_log.begin(), g_log.end(), [&](const LogLine& l) { return l.format.rfind(f, 0) == 0; });
+  };
+  ASSERT_EQ(withFormat("%s: CheckForRecv error TMO"), 1);
+  for (auto& l : g_log) {
+    if (l.format.rfind("%s: CheckForRecv error TMO", 0) != 0) continue;
+    EXPECT_EQ(l.hook, 2);
+    EXPECT_EQ(l.level1, 2);
+    EXPECT_EQ(l.level2, 0x4000);
+    EXPECT_EQ(l.text.rfind("recvMin: ", 0), 0u) << l.text;
+  }
+  g_log.clear();
+  send(p.b, "x", 1, 0);
+  global_var = 1;
+  EXPECT_EQ(CheckForRecv(p.a, 0), 1);
+  EXPECT_EQ(global_var, 0);
+  EXPECT_EQ(CheckForRecv(p.a, 0), 1);
+  EXPECT_EQ(withFormat("%s: socket = %d r = %d nonblock"), 1);
+}
+
+// ======================================================= socket primitives
+
+TEST(CheckForRecv, PollsAndWaits) {
+  Pair p;
+  EXPECT_EQ(CheckForRecv(p.a, 0), 0);
+  EXPECT_EQ(CheckForRecv(p.a, 20), 0);
+  std::thread t([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    send(p.b, "x", 1, 0);
+  });
+  EXPECT_EQ(CheckForRecv(p.a, 30000), 1);  // wakes when data arrives during the wait
+  t.join();
+  EXPECT_EQ(CheckForRecv(p.a, 0), 1);
+  char c;
+  ASSERT_EQ(recv(p.a, &c, 1, 0), 1);
+  p.closeB();
+  EXPECT_EQ(CheckForRecv(p.a, 0), 1);  // end of file is ready too
+  EXPECT_EQ(CheckForRecv(-1, 0), 0);
+}
+
+TEST(CheckForRecv, DescriptorAbove1023) {
+  struct rlimit rl;
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &rl), 0);
+  if (rl.rlim_cur <= 1500) {
+    if (rl.rlim_max != RLIM_INFINITY && rl.rlim_max <= 1500) GTEST_SKIP() << "descriptor limit too low";
+    rl.rlim_cur = 2048;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &rl), 0);
+  }
+  Pair p;
+  ASSERT_EQ(dup2(p.a, 1500), 1500);
+  EXPECT_EQ(CheckForRecv(1500, 0), 0);
+  ASSERT_EQ(send(p.b, "hi", 2, 0), 2);
+  EXPECT_EQ(CheckForRecv(1500, 1000), 1);
+  char buf[4];
+  int n = 0;
+  EXPECT_EQ(recvMin(1500, 1000, buf, sizeof buf, 2, &n), VI_SUCCESS);
+  EXPECT_EQ(n, 2);
+  close(1500);
+}
+
+TEST(RecvMin, LengthsAndTimeOuts) {
+  Pair p;
+  char buf[100];
+  int n = -1;
+  // With nothing to read and no time to wait, a wait would be a time-out.
+  EXPECT_EQ(recvMin(p.a, 0, buf, 0, 0, &n), VI_SUCCESS);
+  EXPECT_EQ(n, 0);
+  EXPECT_EQ(recvMin(p.a, 30, buf, sizeof buf, 1, &n), VI_ERROR_TMO);
+  EXPECT_EQ(n, 0);
+  send(p.b, "abc", 3, 0);
+  EXPECT_EQ(recvMin(p.a, 30, buf, sizeof buf, 5, &n), VI_ERROR_TMO);
+  EXPECT_EQ(n, 3);  // what did arrive is counted
+  // The whole segment is taken beyond minlen ...
+  std::string msg = pattern(40);
+  send(p.b, msg.data(), 40, 0);
+  EXPECT_EQ(recvMin(p.a, 1000, buf, sizeof buf, 28, &n), VI_SUCCESS);
+  EXPECT_EQ(std::string(buf, n), msg);
+  // ... but never past len, even with minlen above it.
+  send(p.b, msg.data(), 40, 0);
+  memset(buf, 0, sizeof buf);
+  EXPECT_EQ(recvMin(p.a, 1000, buf, 16, 40, &n), VI_SUCCESS);
+  EXPECT_EQ(n, 16);
+  EXPECT_EQ(buf[16], 0);
+}
+
+TEST(RecvMin, WaitsForMinlenAcrossSegmentsButNotForTheBuffer) {
+  Pair p;
+  std::thread t([&] {
+    send(p.b, "0123456789", 10, 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    send(p.b, "abcdefghij", 10, 0);
+  });
+  char buf[100];
+  int n = 0;
+  EXPECT_EQ(recvMin(p.a, 5000, buf, sizeof buf, 15, &n), VI_SUCCESS);
+  t.join();
+  EXPECT_EQ(std::string(buf, n), "0123456789abcdefghij");
+  // recvResp: the 28-byte minimum of the RPC replies.
+  std::string reply = pattern(28);
+  send(p.b, reply.data(), 28, 0);
+  EXPECT_EQ(recvResp(p.a, 1000, buf, sizeof buf, &n), VI_SUCCESS);
+  EXPECT_EQ(n, 28);
+}
+
+TEST(RecvMin, ClosedPeerEndsWithConnectionLost) {
+  Pair p;
+  send(p.b, "abcde", 5, 0);
+  p.closeB();
+  char buf[16];
+  int n = -1;
+  EXPECT_EQ(recvMin(p.a, 50, buf, sizeof buf, 10, &n), VI_ERROR_CONN_LOST);
+  EXPECT_EQ(n, 5);
+  // Already closed before the call, with a zero time-out too.
+  EXPECT_EQ(recvMin(p.a, 0, buf, sizeof buf, 1, &n), VI_ERROR_CONN_LOST);
+  EXPECT_EQ(n, 0);
+}
+
+// ENOBUFS is retried twice on receive, three times on send (after a pause
+// each time, the count starting afresh after progress); other errors end at
+// once with a lost connection.
+TEST(NoBufs, RecvMinRetriedTwice) {
+  struct Case { std::deque<int> errors; ViStatus status; int sleeps, calls; };
+  for (const Case& c : {Case{{ENOBUFS, ENOBUFS}, VI_SUCCESS, 2, 3},
+                        Case{{ENOBUFS, ENOBUFS, ENOBUFS}, VI_ERROR_CONN_LOST, 2, 3},
+                        Case{{ECONNRESET}, VI_ERROR_CONN_LOST, 0, 1}}) {
+    Seams seams;
+    Pair p;
+    send(p.b, "data", 4, 0);
+    Seams::recvErrors = c.errors;
+    char buf[8];
+    int n = 0;
+    EXPECT_EQ(recvMin(p.a, 1000, buf, sizeof buf, 4, &n), c.status);
+    if (c.status == VI_SUCCESS) {
+      EXPECT_EQ(n, 4);
+    }
+    EXPECT_EQ(Seams::sleeps, c.sleeps);
+    EXPECT_EQ(Seams::recvCalls, c.calls);
+  }
+}
+
+TEST(NoBufs, SendAllRetriedThreeTimes) {
+  const int E = ENOBUFS;
+  struct Case { std::deque<int> errors; size_t partial; ViStatus status; int sleeps, calls; };
+  for (const Case& c : {Case{{E, E, E}, 0, VI_SUCCESS, 3, 4}, Case{{E, E, E, E}, 0, VI_ERROR_CONN_LOST, 3, 4},
+                        Case{{E, E, E, 0, E, E, E}, 2, VI_SUCCESS, 6, 9},  // 2 + 2 + 1 bytes
+                        Case{{EPIPE}, 0, VI_ERROR_CONN_LOST, 0, 1}}) {
+    Seams seams;
+    Pair p;
+    Seams::sendErrors = c.errors;
+    Seams::partialSend = c.partial;
+    int n = 0;
+    EXPECT_EQ(sendAll(p.a, "hello", 5, &n), c.status);
+    EXPECT_EQ(Seams::sleeps, c.sleeps);
+    EXPECT_EQ(Seams::sendCalls, c.calls);
+    char buf[8];
+    if (c.status == VI_SUCCESS) {
+      EXPECT_EQ(n, 5);
+      EXPECT_EQ(recv(p.b, buf, sizeof buf, 0), 5);
+    }
+  }
+}
+
+TEST(SendAll, LargeBufferWholeClosedPeerLostWithoutSignal) {
+  Pair p;
+  std::string msg = pattern(1 << 20, 3), got;
+  std::thread reader([&] {
+    char buf[4096];
+    for (ssize_t r; (r = recv(p.b, buf, sizeof buf, 0)) > 0;) got.append(buf, (size_t)r);
+  });
+  int n = -1;
+  EXPECT_EQ(sendAll(p.a, "", 0, &n), VI_SUCCESS);
+  EXPECT_EQ(n, 0);
+  EXPECT_EQ(sendAll(p.a, msg.data(), (int)msg.size(), &n), VI_SUCCESS);
+  EXPECT_EQ(n, (int)msg.size());
+  shutdown(p.a, SHUT_WR);
+  reader.join();
+  EXPECT_EQ(got, msg);
+
+  Pair gone;
+  gone.closeB();
+  EXPECT_EQ(sendAll(gone.a, "abc", 3, &n), VI_ERROR_CONN_LOST);  // no SIGPIPE either
+  EXPECT_EQ(n, 0);
+  EXPECT_EQ(sendAll(gone.a, "", 0, &n), VI_ERROR_CONN_LOST);  // even an empty send fails there
+}
+
+TEST(RecvExact, LastBytesOfOneReply) {
+  Pair p;
+  std::string msg = pattern(300);
+  char buf[256];
+  int n = 0;
+  send(p.b, msg.data(), 40, 0);
+  EXPECT_EQ(recvExact(p.a, 1000, buf, 8, &n), VI_SUCCESS);
+  EXPECT_EQ(std::string(buf, n), msg.substr(32, 8));
+  EXPECT_EQ(CheckForRecv(p.a, 0), 0);  // drained
+  send(p.b, msg.data(), 300, 0);
+  EXPECT_EQ(recvExact(p.a, 1000, buf, 200, &n), VI_ERROR_IO);  // beyond the tail
+  send(p.b, msg.data(), 300, 0);
+  EXPECT_EQ(recvExact(p.a, 1000, buf, 128, &n), VI_SUCCESS);
+  EXPECT_EQ(std::string(buf, n), msg.substr(172));
+  send(p.b, "abc", 3, 0);
+  EXPECT_EQ(recvExact(p.a, 1000, buf, 4, &n), VI_ERROR_IO);
+  EXPECT_EQ(recvExact(p.a, 20, buf, 4, &n), VI_ERROR_TMO);
+  // A closed peer: the tail of what came, then only end of file (no spin).
+  send(p.b, "0123456789", 10, 0);
+  p.closeB();
+  EXPECT_EQ(recvExact(p.a, 1000, buf, 4, &n), VI_SUCCESS);
+  EXPECT_EQ(std::string(buf, 4), "6789");
+  EXPECT_EQ(recvExact(p.a, 1000, buf, 4, &n), VI_ERROR_IO);
+}
+
+TEST(RecvExact, TailComesFromTheLastSegmentOnly) {
+  struct Case { std::vector<std::string> segs; int want; ViStatus status; };
+  const std::string a100 = pattern(100, 1), b4 = pattern(4, 2), b100 = pattern(100, 2), c1460 = pattern(1460, 5);
+  for (const Case& c : {Case{{a100, b4}, 8, VI_ERROR_IO},  // 104 bytes, but the last segment holds 4
+                        Case{{b4, b100}, 8, VI_SUCCESS}, Case{{c1460}, 128, VI_SUCCESS}}) {
+    Seams seams;
+    Pair p;
+    seams.script(p, c.segs);
+    char buf[128];
+    int n = 0;
+    EXPECT_EQ(recvExact(p.a, 1000, buf, c.want, &n), c.status);
+    const std::string& last = c.segs.back();
+    if (c.status == VI_SUCCESS) {
+      EXPECT_EQ(std::string(buf, n), last.substr(last.size() - c.want));
+    }
+  }
+  Seams seams;
+  Pair p;
+  send(p.b, "abc", 3, 0);
+  Seams::recvErrors = {ECONNRESET};
+  char buf[8];
+  int n = 0;
+  EXPECT_EQ(recvExact(p.a, 1000, buf, 2, &n), VI_ERROR_CONN_LOST);
+}
+
+TEST(RecvClear, DrainsEverythingPending) {
+  Pair p;
+  std::string junk = pattern(5000);
+  send(p.b, junk.data(), junk.size(), 0);
+  recvClear(p.a);
+  EXPECT_EQ(CheckForRecv(p.a, 0), 0);
+  recvClear(p.a);  // nothing pending: returns at once
+  send(p.b, "z", 1, 0);
+  p.closeB();
+  recvClear(p.a);  // ends on end of file rather than spinning
+}
+
+TEST(SendHdrData, SendsMaxlenBytesOfHeaderAndData) {
+  Pair p;
+  char buf[32];
+  for (auto [maxlen, want] : {std::pair{7, "HDR:abc"}, {10, "HDR:abcdef"}, {1000, "HDR:abcdef"}}) {
+    EXPECT_EQ(SendHdrData(p.a, "HDR:", 4, "abcdef", 6, maxlen), VI_SUCCESS);  // 1000: only what is there
+    ssize_t r = recv(p.b, buf, sizeof buf, 0);
+    EXPECT_EQ(std::string(buf, r > 0 ? r : 0), want);
+  }
+  p.closeB();
+  EXPECT_EQ(SendHdrData(p.a, "HDR:", 4, "abcdef", 6, 10), VI_ERROR_CONN_LOST);
+}
+
+TEST(ConnectTmo, ConnectsAndRestoresBlockingOrFindsNoOne) {
+  sockaddr_in addr{};
+  {
+    Listener l;
+    addr = l.addr;
+    int s = socket(AF_INET, SOCK_STREAM, 0);
+    EXPECT_EQ(ConnectTmo(s, &l.addr), VI_SUCCESS);
+    EXPECT_EQ(fcntl(s, F_GETFL) & O_NONBLOCK, 0);
+    int a = accept(l.fd, nullptr, nullptr);
+    EXPECT_GE(a, 0);
+    close(a);
+    close(s);
+  }
+  int s = socket(AF_INET, SOCK_STREAM, 0);  // the port given up again
+  EXPECT_EQ(ConnectTmo(s, &addr), VI_ERROR_RSRC_NFOUND);
+  close(s);
+}
+
+TEST(ConnectTmo, SilentPeerTimesOut) {
+  // A listener whose accept queue is full drops further SYNs, so a new
+  // connect is neither accepted nor refused.
+  Listener l(0);
+  std::vector<int> fillers;
+  bool full = false;
+  for (int i = 0; i < 16 && !full; i++) {
+    int c = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+    connect(c, (sockaddr*)&l.addr, sizeof l.addr);
+    fillers.push_back(c);
+    pollfd pf{c, POLLOUT, 0};
+    full = poll(&pf, 1, 300) == 0;
+  }
+  if (!full) GTEST_SKIP() << "the accept queue never filled";
+  LogCapture log;
+  int s = socket(AF_INET, SOCK_STREAM, 0);
+  EXPECT_EQ(ConnectTmo(s, &l.addr), VI_ERROR_RSRC_NFOUND);
+  EXPECT_TRUE(fcntl(s, F_GETFL) & O_NONBLOCK);  // left non-blocking
+  EXPECT_TRUE(log.anyContains("Error Connecting"));
+  close(s);
+  for (int c : fillers) close(c);
+}
