@@ -1,8 +1,11 @@
 // Command decoding, the lock rule, system commands, interrupts, the
-// resource text and the fault switches.
+// resource text and the fault switches, where the driver tests against the
+// simulator do not reach them (malformed commands, other hosts, parallel
+// sessions).
 #include <thread>
 
 #include "bsim.h"
+#include "TcpVxiAPI.h"
 #include "inifile.h"
 
 using namespace bsim;
@@ -11,30 +14,9 @@ using bridgesim::HostId;
 namespace {
 
 IniText parse(const std::string& text) {
-  struct Src {
-    const std::string* s;
-    size_t pos;
-  } src{&text, 0};
   IniText t = Ini_New(1);
-  Ini_ReadGeneric(
-      t,
-      [](void* in, char* buf, int max, int* eos, int* line) -> int {
-        auto* s = static_cast<Src*>(in);
-        if (s->pos >= s->s->size()) {
-          *eos = 1;
-          return 0;
-        }
-        size_t e = s->s->find('\n', s->pos);
-        if (e == std::string::npos) e = s->s->size();
-        size_t n = std::min<size_t>(e - s->pos, size_t(max));
-        std::memcpy(buf, s->s->data() + s->pos, n);
-        buf[n] = 0;
-        s->pos = e + 1;
-        *eos = 0;
-        if (line) *line = 0;
-        return 0;
-      },
-      &src);
+  sLineTextInput src{(const unsigned char*)text.c_str(), 0};
+  Ini_ReadGeneric(t, Ini_LineTextInputFunction, &src);
   return t;
 }
 
@@ -108,18 +90,19 @@ TEST(BridgeCommands, MalformedCommandsGetNegativeStatusOfTheRightShape) {
   EXPECT_EQ(kNsup, r.st({14 | 16 << 8 | 0x0C000000, 1, 0xFFFF}));
 }
 
-TEST(BridgeCommands, TestInterruptIsAnsweredAndReportedOnTheDevicesLine) {
+// The end-to-end tests raise interrupts from known devices; an address
+// nobody holds falls back to line 1 with the status/ID passed whole.
+TEST(BridgeCommands, TestInterruptFromAnEmptyAddress) {
   Rig r;
-  EXPECT_EQ(std::vector<uint8_t>(words({0})), r.cmd({17, 0, 0xCD08}));
+  EXPECT_EQ(std::vector<uint8_t>(words({0})), r.cmd({17, 0, 0x12345677}));
   auto rep = r.takeReports();
-  ASSERT_EQ(1u, rep.size());
-  EXPECT_EQ(std::vector<uint8_t>(words({1, 1, 2, 0xCD08})), rep[0]) << "the digitizer interrupts on line 2";
-  r.cmd({17, 0, 0x12345677});  // nobody at 0x77: line 1, status/ID passed whole
-  rep = r.takeReports();
   ASSERT_EQ(1u, rep.size());
   EXPECT_EQ(std::vector<uint8_t>(words({1, 1, 1, 0x12345677})), rep[0]);
 }
 
+// The driver reads these keys without checking that they are there (a
+// missing one silently carries the previous value over), so every section
+// must hold every one of them.
 TEST(BridgeResources, TextListsEveryDeviceWithEveryKeyTheDriverReads) {
   Rig r;
   auto a = r.cmd({16, 0});
@@ -135,49 +118,23 @@ TEST(BridgeResources, TextListsEveryDeviceWithEveryKeyTheDriverReads) {
   ASSERT_EQ(6, n);
   const char* keys[] = {"INTF_NUM", "VXI_LA", "MAINFRAME_LA", "MANF_ID", "MODEL_CODE", "SLOT", "VXI_DEV_CLASS",
                         "offsetA16", "offsetA24", "offsetA32", "sizeA16", "sizeA24", "sizeA32"};
-  std::vector<unsigned> las;
   for (int i = 1; i <= n; ++i) {
     std::string sec = "INSTR" + std::to_string(i);
     for (const char* k : keys) {
       unsigned v = 0;
       EXPECT_EQ(1, Ini_GetUInt(t, sec.c_str(), k, &v)) << sec << " " << k;
     }
-    unsigned la = 0, intf = 0, off16 = 0, size16 = 0;
-    Ini_GetUInt(t, sec.c_str(), "VXI_LA", &la);
-    Ini_GetUInt(t, sec.c_str(), "INTF_NUM", &intf);
-    Ini_GetUInt(t, sec.c_str(), "offsetA16", &off16);
-    Ini_GetUInt(t, sec.c_str(), "sizeA16", &size16);
-    EXPECT_GE(intf, 1u);
-    EXPECT_EQ(0xC000u + 0x40u * la, off16);
-    EXPECT_EQ(64u, size16);
     char name[64] = {};
-    EXPECT_EQ(1, Ini_GetStringIntoBuffer(t, sec.c_str(), "RSRC_NAME", name, 63));
-    EXPECT_EQ("VXI0::" + std::to_string(la) + "::INSTR", std::string(name));
-    las.push_back(la);
+    EXPECT_EQ(1, Ini_GetStringIntoBuffer(t, sec.c_str(), "RSRC_NAME", name, 63)) << sec;
   }
-  EXPECT_EQ((std::vector<unsigned>{0, 8, 16, 24, 32, 40}), las);
-  // the windows listed are where the devices answer
-  unsigned base = 0, size = 0;
-  Ini_GetUInt(t, "INSTR4", "offsetA32", &base);
-  Ini_GetUInt(t, "INSTR4", "sizeA32", &size);
-  EXPECT_EQ(65536u, size);
-  uint32_t v = 0;
-  EXPECT_EQ(0u, r.write(A32, D32, base + size - 4, 0xCAFEF00D));
-  EXPECT_EQ(0u, r.read(A32, D32, base + size - 4, &v));
-  EXPECT_EQ(0xCAFEF00Du, v);
-  EXPECT_EQ(kBerr, r.read(A32, D32, base + size, &v));
   Ini_Dispose(t);
 }
 
-TEST(BridgeFaults, ForcedStatusEmptyAnswerInflatedCountAndBusy) {
+// The switches the end-to-end tests do not use: every code at once, and the
+// shape of a forced block-read answer.
+TEST(BridgeFaults, ForcedStatusOnEveryCodeKeepsTheAnswersShape) {
   Rig r;
   bridgesim::CommandFaults f;
-  f.statusCode = 1;
-  f.forcedStatus = int32_t(0xBFFF000F);
-  r.b.setFaults(f);
-  EXPECT_EQ(kLocked, r.st({1, 1000}));
-  EXPECT_EQ(0u, r.st({3, 0})) << "other codes untouched";
-  f = {};
   f.statusCode = -1;
   f.forcedStatus = int32_t(kIo);
   r.b.setFaults(f);
@@ -185,30 +142,12 @@ TEST(BridgeFaults, ForcedStatusEmptyAnswerInflatedCountAndBusy) {
   auto blk = r.cmd({7 | A24 | D16 | INC, 0, 0x200000, 4});
   EXPECT_EQ((std::vector<uint8_t>(words({kIo, 0, kIo}))), blk);
   f = {};
-  f.emptyCode = 16;
-  r.b.setFaults(f);
-  EXPECT_TRUE(r.cmd({16, 0}).empty());
-  EXPECT_EQ(r.b.faults().emptyCode, 16);
-  f = {};
   f.inflateCode = 7;
   r.b.setFaults(f);
   auto inf = r.cmd({7 | A24 | D16 | INC, 0, 0x200000, 3});
   ASSERT_EQ(0u, word(inf, 0));
   EXPECT_EQ(4u, word(inf, 1));
   EXPECT_EQ(8u + 8u + 4u, inf.size()) << "the claimed count's data and the trailer follow";
-  f.inflateCode = 12;
-  r.b.setFaults(f);
-  r.wsWrite(0, "*IDN?\n");
-  auto rd = r.wsReadReady(0, 4);
-  EXPECT_EQ(5u, word(rd, 1));
-  EXPECT_EQ(8u + 5u, rd.size());
-  f = {};
-  f.busyTries = 2;
-  r.b.setFaults(f);
-  EXPECT_EQ(kTmo, r.st({15 | 16 << 8, 1, 0x1200}));
-  EXPECT_EQ(kTmo, r.st({15 | 16 << 8, 1, 0x1200}));
-  EXPECT_EQ(0u, r.st({15 | 16 << 8, 1, 0x1200}));
-  EXPECT_EQ(0, r.b.faults().busyTries);
 }
 
 TEST(BridgeConcurrency, SessionsWorkInParallelWithoutDisturbingEachOther) {

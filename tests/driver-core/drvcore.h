@@ -1,54 +1,49 @@
-// Shared helpers of the driver-core tests: the resource file, a driver reset
-// between cases, a hand-filled shared block, and a recorder for the host's
-// interrupt callback.
+// Shared helpers of the driver-core tests: a driver reset, a hand-filled
+// shared block, interrupt report bodies and a recorder for the host's
+// interrupt callback.  The host-side helpers come with the simulated-bridge
+// fixture of the driver-sim tests.
 #pragma once
-
-#include <gtest/gtest.h>
 
 #include <chrono>
 #include <condition_variable>
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <mutex>
-#include <string>
-#include <vector>
 
-#include "HiSLIPcommands.h"
-#include "TcpVxiAPI.h"
-#include "TcpVxiAPIint.h"
 #include "inifile.h"
-#include "mini_bridge.h"
+#include "simhost.h"
 
 namespace dc {
 
-inline std::string resmanPath() {
-  return std::string(getenv("HOME")) + "/.config/tarvelo/visa/resmantcpvxi.out";
+using namespace sh;
+using Bytes = std::vector<uint8_t>;
+
+inline void put32(Bytes& b, uint32_t v) {
+  const size_t n = b.size();
+  b.resize(n + 4);
+  memcpy(b.data() + n, &v, 4);
 }
 
-inline void writeResman(const std::string& text) {
-  std::filesystem::create_directories(std::string(getenv("HOME")) + "/.config/tarvelo/visa");
-  std::ofstream(resmanPath(), std::ios::binary) << text;
-}
-
-// "[INTFn]" sections for the given addresses, numbered from 1.
-inline std::string resmanFor(std::initializer_list<const char*> addrs) {
-  std::string t = "[COMMON]\nNumIntf=" + std::to_string(addrs.size()) + "\n";
-  int i = 0;
-  for (const char* a : addrs) {
-    t += "[INTF" + std::to_string(i + 1) + "]\nINTF_NUM=" + std::to_string(i + 1) + "\nADDR=" + a +
-         "\nDEVNAME=mainframe " + std::to_string(i) + "\n";
-    i++;
-  }
-  return t;
+// An interrupt report body: cmd, then (line, status/ID) pairs.
+inline Bytes report(std::initializer_list<std::pair<uint32_t, uint32_t>> pairs, uint32_t cmd = 1) {
+  Bytes b;
+  put32(b, cmd);
+  put32(b, (uint32_t)pairs.size());
+  for (auto& p : pairs) put32(b, p.first), put32(b, p.second);
+  return b;
 }
 
 // One instrument section of a bridge's resource text.
-inline std::string instr(int n, const std::string& name, int la, const std::string& extra = "") {
+inline std::string instr(int n, const std::string& name, int la) {
   return "[INSTR" + std::to_string(n) + "]\nINTF_NUM=1\nRSRC_NAME=" + name + "\nVXI_LA=" + std::to_string(la) +
          "\nMAINFRAME_LA=0\nMANF_ID=4095\nMODEL_CODE=1234\nSLOT=" + std::to_string(n) +
-         "\nVXI_DEV_CLASS=2\noffsetA16=49152\nsizeA16=64\noffsetA24=0\nsizeA24=0\noffsetA32=0\nsizeA32=0\n" + extra;
+         "\nVXI_DEV_CLASS=2\noffsetA16=49152\nsizeA16=64\noffsetA24=0\nsizeA24=0\noffsetA32=0\nsizeA32=0\n";
+}
+
+// Parses a bridge text the way discovery does.
+inline IniText parseText(const std::string& text) {
+  IniText doc = Ini_New(1);
+  sLineTextInput src{(const unsigned char*)text.c_str(), 0};
+  Ini_ReadGeneric(doc, Ini_LineTextInputFunction, &src);
+  return doc;
 }
 
 // Brings the driver back to its loaded state, whatever a case left behind.
@@ -62,25 +57,6 @@ inline void resetDriver() {
   hMapObject = nullptr;
 }
 
-inline uint16_t attr16(uint16_t intf, uint32_t n, uint32_t id) {
-  uint16_t v = 0xEEEE;
-  EXPECT_EQ(0, vintfGetRsrcAttr(intf, n, id, &v)) << std::hex << id;
-  return v;
-}
-inline std::string attrStr(uint16_t intf, uint32_t n, uint32_t id) {
-  char buf[128];
-  memset(buf, 'X', sizeof buf);
-  EXPECT_EQ(0, vintfGetRsrcAttr(intf, n, id, buf)) << std::hex << id;
-  return std::string(buf, strnlen(buf, sizeof buf));
-}
-
-// True while the driver mutex is free (takes and gives it back).
-inline bool mutexFree() {
-  if (util_mutex_lock(hMutexTcpVxiRM, 0) != 0) return false;
-  util_mutex_unlock(hMutexTcpVxiRM);
-  return true;
-}
-
 // --------------------------------------------------- interrupt recorder
 
 struct Event {
@@ -90,7 +66,6 @@ struct Event {
   uint64_t statID;
   uint64_t line;
 };
-
 struct Recorder {
   std::mutex m;
   std::condition_variable cv;
@@ -123,7 +98,6 @@ inline bool waitEvents(size_t n) {
 class HandFilled : public ::testing::Test {
  protected:
   void SetUp() override {
-    resetDriver();
     block = (SHAREDMEMINTF*)calloc(1, sizeof(SHAREDMEMINTF));
     tcpvxiGD = block;
     ASSERT_EQ(0, util_mutex_open(TCPVXI_MUTEX_NAME, &hMutexTcpVxiRM));
@@ -132,7 +106,6 @@ class HandFilled : public ::testing::Test {
       Interfaces[i].idx = i;
     }
     block->NIntf = 1;
-    clearEvents();
   }
   void TearDown() override {
     vintfUserIRQCallback(nullptr);
@@ -143,13 +116,5 @@ class HandFilled : public ::testing::Test {
   }
   SHAREDMEMINTF* block = nullptr;
 };
-
-// Parses a bridge text the way discovery does.
-inline IniText parseText(const std::string& text) {
-  IniText doc = Ini_New(1);
-  sLineTextInput src{(const unsigned char*)text.c_str(), 0};
-  Ini_ReadGeneric(doc, Ini_LineTextInputFunction, &src);
-  return doc;
-}
 
 }  // namespace dc

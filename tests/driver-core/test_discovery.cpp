@@ -9,12 +9,7 @@ namespace {
 
 class DrvDiscovery : public ::testing::Test {
  protected:
-  void SetUp() override {
-    resetDriver();
-    a = std::make_unique<mb::Bridge>("127.0.0.2");
-    ASSERT_TRUE(a->ok());
-    a->set([](auto& s) { s.text = "[COMMON]\nNumInstr=1\n" + instr(1, "VXI0::0::INSTR", 0); });
-  }
+  void SetUp() override { a = startSim("127.0.0.2"); }
   void TearDown() override {
     resetDriver();
     a.reset();
@@ -25,13 +20,12 @@ class DrvDiscovery : public ::testing::Test {
     EXPECT_EQ(0, vintfOpenDevice(&n));
     return n;
   }
-  std::unique_ptr<mb::Bridge> a;
+  std::unique_ptr<bridgesim::Server> a;
 };
 
 }  // namespace
 
 TEST_F(DrvDiscovery, MissingFileMeansNoInterfaces) {
-  std::remove(resmanPath().c_str());
   tcpvxi_start();
   testing::internal::CaptureStderr();
   uint16_t n = 0xFFFF;
@@ -48,9 +42,9 @@ TEST_F(DrvDiscovery, MissingFileMeansNoInterfaces) {
   EXPECT_EQ(VI_ERROR_SYSTEM_ERROR, vintfGetNumRsrc(0, &k));
 }
 
-TEST_F(DrvDiscovery, NoUsableCountIsAnInvalidSetup) {
+TEST_F(DrvDiscovery, NoUsableOrPositiveCountVisitsNothing) {
   for (const char* count : {"", "NumIntf=\n", "NumIntf=two\n"}) {
-    writeResman(std::string("[COMMON]\n") + count + "[INTF1]\nINTF_NUM=1\nADDR=127.0.0.2\n");
+    writeResmanText(std::string("[COMMON]\n") + count + "[INTF1]\nINTF_NUM=1\nADDR=127.0.0.2\n");
     tcpvxi_start();
     EXPECT_EQ(VI_ERROR_INV_SETUP, vintfFillResources(1)) << count;
     EXPECT_EQ(0, FillRsrcCalled);
@@ -59,51 +53,48 @@ TEST_F(DrvDiscovery, NoUsableCountIsAnInvalidSetup) {
     EXPECT_EQ(0, vintfOpenDevice(&n)) << "open still succeeds, with nothing";
     EXPECT_EQ(0, n);
     EXPECT_EQ(0, FillRsrcCalled) << "and tries again next time";
-    EXPECT_TRUE(a->commands().empty());
     resetDriver();
   }
-}
-
-TEST_F(DrvDiscovery, ZeroOrNegativeCountVisitsNothing) {
   for (const char* count : {"NumIntf=0\n", "NumIntf=-3\n"}) {
-    writeResman(std::string("[COMMON]\n") + count + "[INTF1]\nINTF_NUM=1\nADDR=127.0.0.2\n");
+    writeResmanText(std::string("[COMMON]\n") + count + "[INTF1]\nINTF_NUM=1\nADDR=127.0.0.2\n");
     EXPECT_EQ(0, open()) << count;
     EXPECT_EQ(-1, tcpvxiGD->NIntf);
     EXPECT_EQ(1, FillRsrcCalled);
     resetDriver();
   }
-  EXPECT_TRUE(a->commands().empty());
+  EXPECT_TRUE(a->receivedCommands().empty());
 }
 
-TEST_F(DrvDiscovery, GapBetweenSectionsShiftsTheCount) {
+TEST_F(DrvDiscovery, GapsAndIncompleteSections) {
   // INTF1 missing: the bridge of INTF2 fills slot 1, but only one interface
   // was accepted, so NIntf is 0 and slot 1 is out of reach.
-  writeResman("[COMMON]\nNumIntf=2\n[INTF2]\nINTF_NUM=5\nADDR=127.0.0.2\n");
+  writeResmanText("[COMMON]\nNumIntf=2\n[INTF2]\nINTF_NUM=5\nADDR=127.0.0.2\n");
   EXPECT_EQ(1, open());
   EXPECT_EQ(0, tcpvxiGD->NIntf);
   EXPECT_STREQ("127.0.0.2", tcpvxiGD->Intf[1].Addr);
-  EXPECT_EQ(1, tcpvxiGD->Intf[1].NInstr);
+  EXPECT_EQ(6, tcpvxiGD->Intf[1].NInstr);
   EXPECT_STREQ("", tcpvxiGD->Intf[0].Addr);
   uint32_t n = 9;
   EXPECT_EQ(VI_ERROR_SYSTEM_ERROR, vintfGetNumRsrc(1, &n));
   EXPECT_EQ(0, vintfGetNumRsrc(0, &n));
   EXPECT_EQ(0u, n);
-}
+  resetDriver();
 
-TEST_F(DrvDiscovery, SectionsWithoutNumberOrAddressAreLeftOut) {
-  writeResman("[COMMON]\nNumIntf=3\n[INTF1]\nADDR=127.0.0.2\n[INTF2]\nINTF_NUM=2\n"
-              "[INTF3]\nINTF_NUM=3\nADDR=127.0.0.2\n");
+  // Sections without a number or an address, and an address that fills its
+  // field, are left out; a long device name is cut to fit with its NUL.
+  writeResmanText("[COMMON]\nNumIntf=4\n[INTF1]\nADDR=127.0.0.2\n[INTF2]\nINTF_NUM=2\n[INTF3]\nINTF_NUM=3\nADDR=" +
+                  std::string(64, '1') + "\n[INTF4]\nINTF_NUM=4\nADDR=127.0.0.2\nDEVNAME=" + std::string(80, 'd') +
+                  "\n");
   EXPECT_EQ(1, open());
-  EXPECT_EQ(0, tcpvxiGD->Intf[0].intf_no);
-  EXPECT_STREQ("", tcpvxiGD->Intf[0].Addr);
+  for (int i = 0; i < 3; i++) EXPECT_STREQ("", tcpvxiGD->Intf[i].Addr) << i;
   EXPECT_EQ(0, tcpvxiGD->Intf[1].intf_no) << "slot stays zeroed";
-  EXPECT_STREQ("127.0.0.2", tcpvxiGD->Intf[2].Addr);
-  EXPECT_STREQ("", tcpvxiGD->Intf[2].devName);
+  EXPECT_STREQ("127.0.0.2", tcpvxiGD->Intf[3].Addr);
+  EXPECT_EQ(std::string(63, 'd'), tcpvxiGD->Intf[3].devName);
 }
 
 TEST_F(DrvDiscovery, UnreachableBridgeIsListedWithoutInstruments) {
   // Nothing listens on 127.0.0.9.
-  writeResman(resmanFor({"127.0.0.9", "127.0.0.2"}));
+  writeResman({"127.0.0.9", "127.0.0.2"});
   EXPECT_EQ(2, open());
   EXPECT_EQ(1, tcpvxiGD->NIntf) << "counted although unconnected";
   EXPECT_EQ(0, Interfaces[0].kvtcp.Connected);
@@ -111,61 +102,48 @@ TEST_F(DrvDiscovery, UnreachableBridgeIsListedWithoutInstruments) {
   EXPECT_EQ(0, vintfGetNumRsrc(0, &n));
   EXPECT_EQ(0u, n);
   EXPECT_EQ(0, vintfGetNumRsrc(1, &n));
-  EXPECT_EQ(1u, n);
-  ViInt16 st;
-  EXPECT_LT(vintfGetSysState(0, &st), 0);
+  EXPECT_EQ(6u, n);
 }
 
 TEST_F(DrvDiscovery, RefusedLockDropsTheInterface) {
-  auto b = std::make_unique<mb::Bridge>("127.0.0.3");
-  ASSERT_TRUE(b->ok());
-  b->set([](auto& s) { s.lockStatus = (int32_t)0xBFFF000F; });
-  writeResman(resmanFor({"127.0.0.3", "127.0.0.2"}));
+  auto b = startSim("127.0.0.3");
+  bridgesim::CommandFaults f;
+  f.statusCode = 1;
+  f.forcedStatus = (int32_t)0xBFFF000F;
+  b->setCommandFaults(f);
+  writeResman({"127.0.0.3", "127.0.0.2"});
   EXPECT_EQ(1, open());
   EXPECT_EQ(0, tcpvxiGD->NIntf) << "the refusing bridge is not counted";
   EXPECT_EQ(0, Interfaces[0].kvtcp.Connected);
   // Slot positions follow the sections: the reachable bridge is slot 1,
   // beyond NIntf.
   EXPECT_EQ(1, Interfaces[1].kvtcp.Connected);
-  auto c = b->commands();
-  ASSERT_GE(c.size(), 1u);
-  EXPECT_EQ(1u, mb::word(c[0], 0));
-  for (auto& cmd : c) EXPECT_NE(16u, mb::word(cmd, 0)) << "no text asked from a refusing bridge";
+  EXPECT_FALSE(commandsOf(*b, 1).empty());
+  EXPECT_TRUE(commandsOf(*b, 16).empty()) << "no text asked from a refusing bridge";
+  resetDriver();
 }
 
-TEST_F(DrvDiscovery, OversizedCountsStayInsideTheSharedRecords) {
+TEST_F(DrvDiscovery, OversizedCountStaysInsideTheSharedRecords) {
   // Sections past INTF32 exist but have no record to go to.
   std::string text = "[COMMON]\nNumIntf=40\n[INTF1]\nINTF_NUM=1\nADDR=127.0.0.2\n";
   for (int i = 2; i <= 40; i++)
     text += "[INTF" + std::to_string(i) + "]\nINTF_NUM=" + std::to_string(i) + "\nADDR=127.0.1." + std::to_string(i) + "\n";
-  writeResman(text);
-  std::string bridgeText = "[COMMON]\nNumInstr=100\n";
-  for (int i = 1; i <= 100; i++) bridgeText += instr(i, "VXI0::" + std::to_string(i) + "::INSTR", i);
-  a->set([&](auto& s) { s.text = bridgeText; });
+  writeResmanText(text);
   EXPECT_EQ(32, open()) << "clamped to the 32 records";
   EXPECT_EQ(31, tcpvxiGD->NIntf);
-  EXPECT_EQ(64, tcpvxiGD->Intf[0].NInstr);
-  EXPECT_EQ("VXI0::64::INSTR", attrStr(0, 63, VI_ATTR_RSRC_NAME));
-  uint16_t v;
-  EXPECT_EQ(VI_ERROR_INV_OBJECT, vintfGetRsrcAttr(0, 64, VI_ATTR_VXI_LA, &v));
-}
-
-TEST_F(DrvDiscovery, AddressThatFillsItsFieldIsLeftOut) {
-  std::string addr(64, '1');
-  writeResman("[COMMON]\nNumIntf=2\n[INTF1]\nINTF_NUM=1\nADDR=" + addr + "\nDEVNAME=" + std::string(80, 'd') +
-              "\n[INTF2]\nINTF_NUM=2\nADDR=127.0.0.2\nDEVNAME=" + std::string(80, 'd') + "\n");
-  EXPECT_EQ(1, open());
-  EXPECT_STREQ("", tcpvxiGD->Intf[0].Addr);
-  EXPECT_EQ(std::string(63, 'd'), tcpvxiGD->Intf[1].devName) << "a long name is cut to fit with its NUL";
+  EXPECT_EQ(6, tcpvxiGD->Intf[0].NInstr);
 }
 
 TEST_F(DrvDiscovery, FillingAgainClosesWhatItForgets) {
-  writeResman(resmanFor({"127.0.0.2"}));
+  writeResman({"127.0.0.2"});
   EXPECT_EQ(1, open());
   ASSERT_EQ(1, Interfaces[0].kvtcp.Connected);
-  a->clear();
+  a->clearReceived();
   EXPECT_EQ(0, vintfFillResources(0));
   EXPECT_EQ(1, Interfaces[0].kvtcp.Connected) << "connected afresh";
-  ASSERT_EQ(2u, a->commands().size());
-  EXPECT_EQ(1u, tcpvxiGD->Intf[0].NInstr);
+  auto c = a->receivedCommands();
+  ASSERT_EQ(2u, c.size());
+  EXPECT_EQ((Bytes{1, 0, 0, 0, 0xE8, 3, 0, 0}), c[0]) << "the lock, time-out word 1000";
+  EXPECT_EQ((Bytes{16, 0, 0, 0, 0, 0, 0, 0}), c[1]) << "the text request, time-out word 0";
+  EXPECT_EQ(6, tcpvxiGD->Intf[0].NInstr);
 }

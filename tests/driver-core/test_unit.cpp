@@ -36,18 +36,6 @@ TEST(DrvLineSource, LinesBlanksTabsAndOverlongLines) {
   EXPECT_EQ((std::vector<std::string>{std::string(255, 'a'), "next"}), l) << "cut, the rest dropped";
 }
 
-TEST(DrvLineSource, TabInsideBridgeTextSplitsTheItem) {
-  // "MODEL_CODE=\t77" parses as an item with an empty value and a line
-  // "77" that is not an item: the model code carries the previous key over.
-  std::string text = "[COMMON]\nNumInstr=1\n[INSTR1]\nINTF_NUM=1\nRSRC_NAME=VXI0::5::INSTR\nVXI_LA=5\n"
-                     "MAINFRAME_LA=0\nMANF_ID=4095\nMODEL_CODE=\t77\n";
-  IniText doc = parseText(text);
-  SHAREDINTFINFO g{};
-  EXPECT_EQ(1, drvReadInstruments(0, &g, doc));
-  EXPECT_EQ(4095, g.Instr[0].attr_MODEL_CODE);
-  Ini_Dispose(doc);
-}
-
 // ------------------------------------------------ instruments from a text
 
 TEST(DrvInstruments, AttributeTableFromText) {
@@ -61,14 +49,11 @@ TEST(DrvInstruments, AttributeTableFromText) {
   Ini_Dispose(doc);
   EXPECT_EQ(2, g.NInstr);
   EXPECT_EQ(7, g.intf_no) << "every accepted instrument overwrites the interface number";
+  // The keys the simulated bridge's text cannot tell apart (the driver-sim
+  // tests check the others against the simulated registers).
   const RmInstrInfo& r = g.Instr[1];
-  EXPECT_STREQ("VXI0::24::INSTR", r.attr_RSRC_NAME);
   EXPECT_EQ(10u, r.IdxAttr_RSRC_CLASS);
-  EXPECT_EQ(24, r.attr_VXI_LA);
-  EXPECT_EQ(4095, r.attr_MANF_ID);
-  EXPECT_EQ(1234, r.attr_MODEL_CODE);
   EXPECT_EQ(3, r.attr_SLOT);
-  EXPECT_EQ(2, r.attr_VXI_DEV_CLASS);
   EXPECT_EQ(49152, r.offsetA16);
   EXPECT_EQ(64, r.sizeA16);
   EXPECT_EQ(2u, r.attr_MEM_SPACE);
@@ -107,6 +92,14 @@ TEST(DrvInstruments, MissingKeysCarryTheLastValueOver) {
   EXPECT_EQ(4, r.attr_VXI_DEV_CLASS);
   EXPECT_EQ(4u, r.sizeA32);
   EXPECT_EQ(2u, r.attr_MEM_SPACE) << "sizeA24 carried over as 4";
+
+  // "MODEL_CODE=\t77" parses as an item with an empty value and a line "77"
+  // that is not an item: the model code carries the previous key over.
+  doc = parseText("[COMMON]\nNumInstr=1\n[INSTR1]\nINTF_NUM=1\nRSRC_NAME=n\nVXI_LA=5\nMAINFRAME_LA=0\n"
+                  "MANF_ID=4095\nMODEL_CODE=\t77\n");
+  EXPECT_EQ(1, drvReadInstruments(0, &g, doc));
+  Ini_Dispose(doc);
+  EXPECT_EQ(4095, g.Instr[0].attr_MODEL_CODE);
 }
 
 TEST(DrvInstruments, ClassStartsBehindTheLastColon) {
@@ -283,9 +276,10 @@ class DrvEventHandler : public HandFilled {
     g.Instr[2].attr_VXI_LA = 6;
     g.Instr[3].attr_VXI_LA = 24;
     Interfaces[0].ext_intf_no = 0x10007;
+    clearEvents();
     vintfUserIRQCallback(onEvent);
   }
-  void deliver(const mb::Bytes& body, unsigned char type = 128) {
+  void deliver(const Bytes& body, unsigned char type = 128) {
     KvTcpInfo& k = Interfaces[0].kvtcp;
     memset(k.hislipAsyncCmdData, 0, sizeof k.hislipAsyncCmdData);
     memcpy(k.hislipAsyncCmdData, body.data(), std::min(body.size(), sizeof k.hislipAsyncCmdData));
@@ -294,32 +288,19 @@ class DrvEventHandler : public HandFilled {
   }
 };
 
-TEST_F(DrvEventHandler, TwoPairReport) {
-  deliver(mb::report({{1, 0x0000FF18}, {9, 0x0000FF00}}));
-  auto ev = events();
-  ASSERT_EQ(2u, ev.size());
-  EXPECT_EQ(VI_EVENT_VXI_VME_INTR, ev[0].type);
-  EXPECT_EQ(7, ev[0].intf) << "the host's number, cut to 16 bits";
-  EXPECT_EQ(3u, ev[0].instr);
-  EXPECT_EQ(0xFF18u, ev[0].statID);
-  EXPECT_EQ(1u, ev[0].line);
-  EXPECT_EQ(0u, ev[1].instr);
-  EXPECT_EQ(0xFF00u, ev[1].statID);
-  EXPECT_EQ(1u, ev[1].line) << "only the low 3 bits of the line";
-}
-
 TEST_F(DrvEventHandler, UnknownAddressFallsBackToSlotZeroOrIsDropped) {
-  deliver(mb::report({{2, 0x77}}));
+  deliver(report({{2, 0x77}}));
   ASSERT_EQ(1u, events().size());
   EXPECT_EQ(0u, events()[0].instr);
+  EXPECT_EQ(7, events()[0].intf) << "the host's number, cut to 16 bits";
   clearEvents();
   block->Intf[0].Instr[0].attr_VXI_LA = 1;  // no controller at address 0 any more
-  deliver(mb::report({{2, 0x77}, {3, 0x06}}));
+  deliver(report({{2, 0x77}, {3, 0x06}}));
   ASSERT_EQ(1u, events().size());
   EXPECT_EQ(2u, events()[0].instr);
   clearEvents();
   block->Intf[0].Instr[3].attr_VXI_LA = 6;  // two instruments at one address: the lower index
-  deliver(mb::report({{7, 0xABCD1206}}));
+  deliver(report({{7, 0xABCD1206}}));
   ASSERT_EQ(1u, events().size());
   EXPECT_EQ(2u, events()[0].instr);
   EXPECT_EQ(0xABCD1206u, events()[0].statID) << "passed whole";
@@ -327,26 +308,26 @@ TEST_F(DrvEventHandler, UnknownAddressFallsBackToSlotZeroOrIsDropped) {
 }
 
 TEST_F(DrvEventHandler, IgnoredMessages) {
-  deliver(mb::report({{1, 0x05}}, 2));
-  deliver(mb::report({{1, 0x05}}), 20);
+  deliver(report({{1, 0x05}}, 2));
+  deliver(report({{1, 0x05}}), 20);
   KvTcpInfo foreign{};
-  memcpy(foreign.hislipAsyncCmdData, mb::report({{1, 0x05}}).data(), 16);
+  memcpy(foreign.hislipAsyncCmdData, report({{1, 0x05}}).data(), 16);
   foreign.hislipAsyncInMsg = 128;
   tcpEventHandler(&foreign);
   tcpEventHandler(nullptr);
   EXPECT_TRUE(events().empty());
   vintfUserIRQCallback(nullptr);
-  deliver(mb::report({{1, 0x05}}));
+  deliver(report({{1, 0x05}}));
   EXPECT_TRUE(events().empty());
 }
 
 TEST_F(DrvEventHandler, HostileCountIsBoundedByTheReceivedBody) {
-  mb::Bytes body;
-  mb::put32(body, 1);
-  mb::put32(body, 0xFFFFFFFFu);
+  Bytes body;
+  put32(body, 1);
+  put32(body, 0xFFFFFFFFu);
   for (int i = 0; i < 200; i++) {
-    mb::put32(body, 1);
-    mb::put32(body, 0x05);
+    put32(body, 1);
+    put32(body, 0x05);
   }
   deliver(body);
   EXPECT_EQ((size_t)((KVTCP_ASYNC_DATA - 8) / 8), events().size());
@@ -361,13 +342,8 @@ void stopAfterFirst(ViUInt32 t, ViUInt16 i, ViUInt32 n, ViAttrState s, ViAttrSta
 
 TEST_F(DrvEventHandler, ClearedCallbackStopsBetweenPairs) {
   vintfUserIRQCallback(stopAfterFirst);
-  deliver(mb::report({{1, 0x05}, {1, 0x06}, {1, 0x18}}));
+  deliver(report({{1, 0x05}, {1, 0x06}, {1, 0x18}}));
   EXPECT_EQ(1u, events().size());
-}
-
-TEST(DrvIrq, LogicalAddressCallsDoNothing) {
-  EXPECT_EQ(0, vintfIrqAddLA(999, 5));
-  EXPECT_EQ(0, vintfIrqDelLA(999, 5));
 }
 
 // ------------------------------------------------- interface numbers
@@ -421,7 +397,10 @@ TEST_F(DrvDiscipline, NotConnectedBridgeGivesTheTransportError) {
   EXPECT_TRUE(mutexFree());
 }
 
-TEST(DrvSystemCalls, PathCallsNeedNothing) {
+// Before tcpvxi_start, for any number.
+TEST(DrvSystemCalls, CallsThatDoNothing) {
   EXPECT_EQ(0, vintfInitVXIpath(12345, 3));
   EXPECT_EQ(0, vintfInitHOSTpath(54321));
+  EXPECT_EQ(0, vintfIrqAddLA(999, 5));
+  EXPECT_EQ(0, vintfIrqDelLA(999, 5));
 }

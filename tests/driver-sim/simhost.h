@@ -1,7 +1,7 @@
 // The driver used the way a host uses it, against the simulated bridge: a
 // resource-manager file in the user's configuration directory, tcpvxi_start,
-// vintfOpenDevice, attribute look-ups to find the instruments, and
-// tcpvxi_stop at the end.  Every case runs in a namespace of its own, so the
+// vintfOpenDevice, attribute look-ups to find the instruments.  Shared by the
+// driver-core tests.  Every case runs in a namespace of its own, so the
 // simulators may listen on 127.0.0.2 and 127.0.0.3 at the fixed port.
 #pragma once
 
@@ -20,7 +20,6 @@
 #include "TcpVxiAPIint.h"
 #include "mainframe/mainframe.h"
 #include "sim.h"
-#include "mainframe/wordserial.h"
 
 namespace sh {
 
@@ -29,18 +28,23 @@ constexpr ViStatus kTmo = (ViStatus)0xBFFF0015;
 constexpr ViStatus kConnLost = (ViStatus)0xBFFF00A6;
 constexpr ViUInt32 kSwap = 0x80000000u;
 
-// Logical addresses of the default simulated mainframe.
+// Logical addresses of the default simulated mainframe (instruments 0 to 5).
 constexpr int kLaBridge = 0, kLaDigitizer = 8, kLaDmm = 16, kLaCounter = 24, kLaSwitch = 32, kLaMemory = 40;
 
 inline std::string resmanPath() { return std::string(getenv("HOME")) + "/.config/tarvelo/visa/resmantcpvxi.out"; }
 
-inline void writeResman(const std::vector<std::string>& addrs) {
+inline void writeResmanText(const std::string& text) {
   std::filesystem::create_directories(std::string(getenv("HOME")) + "/.config/tarvelo/visa");
+  std::ofstream(resmanPath(), std::ios::binary) << text;
+}
+
+// "[INTFn]" sections for the given addresses, numbered from 1.
+inline void writeResman(const std::vector<std::string>& addrs) {
   std::string t = "[COMMON]\nNumIntf=" + std::to_string(addrs.size()) + "\n";
   for (size_t i = 0; i < addrs.size(); i++)
     t += "[INTF" + std::to_string(i + 1) + "]\nINTF_NUM=" + std::to_string(i + 1) + "\nADDR=" + addrs[i] +
-         "\nDEVNAME=simulated mainframe " + std::to_string(i) + "\n";
-  std::ofstream(resmanPath(), std::ios::binary) << t;
+         "\nDEVNAME=mainframe " + std::to_string(i) + "\n";
+  writeResmanText(t);
 }
 
 inline std::unique_ptr<bridgesim::Server> startSim(const char* ip) {
@@ -77,6 +81,19 @@ inline uint64_t attr64(uint16_t intf, uint32_t n, uint32_t id) {
   EXPECT_EQ(0, vintfGetRsrcAttr(intf, n, id, &v)) << std::hex << id;
   return v;
 }
+inline std::string attrStr(uint16_t intf, uint32_t n, uint32_t id) {
+  char buf[128];
+  memset(buf, 'X', sizeof buf);
+  EXPECT_EQ(0, vintfGetRsrcAttr(intf, n, id, buf)) << std::hex << id;
+  return std::string(buf, strnlen(buf, sizeof buf));
+}
+
+// True while the driver mutex is free (takes and gives it back).
+inline bool mutexFree() {
+  if (util_mutex_lock(hMutexTcpVxiRM, 0) != 0) return false;
+  util_mutex_unlock(hMutexTcpVxiRM);
+  return true;
+}
 
 // The index of the instrument at logical address la, found through the
 // attributes as a host finds it; -1 when there is none.
@@ -108,7 +125,8 @@ class SimHost : public ::testing::Test {
     for (auto& s : sims) s->clearReceived();
   }
   void TearDown() override {
-    tcpvxi_stop();
+    vintfUserIRQCallback(nullptr);
+    if (tcpvxiGD) tcpvxi_stop();
     for (auto& s : sims) s.reset();
   }
 
@@ -119,6 +137,12 @@ class SimHost : public ::testing::Test {
     std::vector<uint8_t> v(n);
     mainframe(i).deviceAt(la)->memory()->read(off, v.data(), n);
     return v;
+  }
+  // Bridge-command faults of simulator i, edited in place.
+  void faults(const std::function<void(bridgesim::CommandFaults&)>& edit, size_t i = 0) {
+    bridgesim::CommandFaults f = sims[i]->commandFaults();
+    edit(f);
+    sims[i]->setCommandFaults(f);
   }
   // The instrument's index, required to exist.
   int need(int la, uint16_t intf = 0) {

@@ -1,5 +1,6 @@
 // Block moves against the simulated memory: large random patterns across
-// chunk boundaries, the FIFO register, and vintfMove between memory and bus.
+// chunk boundaries (checked against the simulated memory itself), the FIFO
+// register, and vintfMove between memory and bus.
 #include <random>
 
 #include "simhost.h"
@@ -86,8 +87,9 @@ void roundTrip(bridgesim::Server& sim, ViBusAddress base, uint32_t off, size_t n
       EXPECT_TRUE(std::equal(out.begin(), out.end(), in.begin())) << "read back differs";
     } else {
       // Written swapped and read swapped: the values come back, one element
-      // early.
+      // early; the last element is left as it was read, unswapped.
       EXPECT_TRUE(std::equal(out.begin() + 1, out.end(), in.begin())) << "read back differs";
+      EXPECT_EQ(bswap(out[n - 1]), in[n - 1]);
     }
     EXPECT_EQ((T)0x5A5A5A5A, in[n]) << "nothing is stored behind the buffer";
   }
@@ -105,35 +107,36 @@ TEST_F(Blocks, LargeMovesKeepTheirDataAtEveryWidthAndBothOrders) {
     roundTrip<uint32_t>(sim(), base, 0x200004, n, seed++);
 }
 
-// Written plain and read swapped: every element comes back byte-reversed and
-// one element early.
-TEST_F(Blocks, PlainWriteSwappedReadShiftsAndReverses) {
+// 20000 longwords go out as 16380 + 3620 with bridge time-outs of 4105 and
+// 915 ms; 100000 bytes come in as 65520 + 34480 with 6552 and 3448 ms.
+TEST_F(Blocks, ChunkSizesAndBridgeTimeOuts) {
   const ViBusAddress base = attr64(0, need(kLaMemory), VI_ATTR_MEM_BASE_64);
-  auto out = randomElements<uint32_t>(16385, 99);
-  ASSERT_EQ(0, vintfMoveOut32(0, 0, 3, 1, base + 0x8000, out.size(), out.data()));
-  std::vector<uint32_t> in(out.size() + 1, 0);
-  ASSERT_EQ(0, vintfMoveIn32(0, kSwap, 3, 1, base + 0x8000, out.size(), in.data()));
-  for (size_t i = 0; i + 1 < out.size(); i++) ASSERT_EQ(bswap(out[i + 1]), in[i]) << i;
-}
+  auto data = randomElements<uint32_t>(20000, 5);
+  ASSERT_EQ(0, vintfMoveOut32(0, 0, 3, 1, base, data.size(), data.data()));
+  auto c = sim().receivedCommands();
+  ASSERT_EQ(2u, c.size());
+  EXPECT_EQ(8u | 0x01000000u | 0x00100000u | 0x00010000u | VXICMD_INC, word(c[0], 0));
+  EXPECT_EQ(4105u, word(c[0], 1));
+  EXPECT_EQ((uint32_t)base, word(c[0], 2));
+  EXPECT_EQ(16380u, word(c[0], 3));
+  EXPECT_EQ(16u + 65520u, c[0].size());
+  EXPECT_EQ(915u, word(c[1], 1));
+  EXPECT_EQ((uint32_t)base + 16380u * 4, word(c[1], 2));
+  EXPECT_EQ(3620u, word(c[1], 3));
+  EXPECT_EQ(16u + 3620u * 4, c[1].size());
 
-// The digitizer's sample memory starts as a ramp: 16-bit word k holds k.
-TEST_F(Blocks, ReadsTheModelsOwnPatternAcrossChunks) {
-  const int dig = need(kLaDigitizer);
-  ASSERT_EQ(2, attr16(0, dig, VI_ATTR_MEM_SPACE));
-  const ViBusAddress base = attr64(0, dig, VI_ATTR_MEM_BASE_64);
-  std::vector<uint16_t> w(40000);
-  ASSERT_EQ(0, vintfMoveIn16(0, 0, 2, 1, base, w.size(), w.data()));
-  for (size_t k = 0; k < w.size(); k++) ASSERT_EQ((uint16_t)k, w[k]) << k;
-  std::vector<uint8_t> b(65521);
-  ASSERT_EQ(0, vintfMoveIn8(0, 0, 2, 1, base + 0x10000, b.size(), b.data()));
-  EXPECT_EQ(busMemory(kLaDigitizer, 0x10000, b.size()), b);
-  std::vector<uint32_t> l(16381);
-  ASSERT_EQ(0, vintfMoveIn32(0, 0, 2, 1, base, l.size(), l.data()));
-  for (size_t k = 0; k < l.size(); k++) ASSERT_EQ((uint32_t)(2 * k) << 16 | (uint16_t)(2 * k + 1), l[k]) << k;
-  // A move that runs off the end of the window stops with a bus error.
-  const uint64_t size = attr64(0, dig, VI_ATTR_MEM_SIZE_64);
-  std::vector<uint16_t> tail(8, 0);
-  EXPECT_EQ(kBusError, vintfMoveIn16(0, 0, 2, 1, base + size + 0x100, tail.size(), tail.data()));
+  sim().clearReceived();
+  std::vector<uint8_t> bytes(100000);
+  ASSERT_EQ(0, vintfMoveIn8(0, 1, 3, 1, base, bytes.size(), bytes.data()));
+  c = sim().receivedCommands();
+  ASSERT_EQ(2u, c.size());
+  EXPECT_EQ(7u | 0x00400000u | 0x00100000u | VXICMD_INC, word(c[0], 0));
+  EXPECT_EQ(65520u, word(c[0], 3));
+  EXPECT_EQ(6552u, word(c[0], 1));
+  EXPECT_EQ(34480u, word(c[1], 3));
+  EXPECT_EQ(3448u, word(c[1], 1));
+  EXPECT_EQ((uint32_t)base + 65520u, word(c[1], 2));
+  EXPECT_EQ(busBytes(data, false), std::vector<uint8_t>(bytes.begin(), bytes.begin() + 80000));
 }
 
 // The digitizer's FIFO register: every element from the same address.
@@ -218,8 +221,39 @@ TEST_F(Blocks, MoveBetweenMemoryAndBusAndBusToBus) {
   EXPECT_EQ(64u, commandsOf(sim(), 5).size());
   EXPECT_EQ(busMemory(kLaDigitizer, 0x40, 128), busMemory(kLaMemory, 0x50000, 128));
 
-  // Bus to bus stops at the first failing access.
+  // Bus to bus stops at the first failing access, and element by element at
+  // the first non-zero status, a positive one too.
   sim().clearReceived();
   EXPECT_EQ(kBusError, vintfMove(0, 0, 2, 1, dig, 2, 0, 3, 1, 0x10000000, 2, 10));
   EXPECT_EQ(1u, commandsOf(sim(), 5).size());
+  sim().clearReceived();
+  faults([](auto& f) { f.statusCode = 5, f.forcedStatus = 1; });
+  EXPECT_EQ(1, vintfMove(0, 0, 0, 0, host(&fill), 2, 0, 3, 1, mem, 2, 4));
+  EXPECT_EQ(1u, sim().receivedCommands().size());
+
+  // Memory to memory: widths converted, no traffic; a source that does not
+  // increment repeats its one element.
+  sim().clearReceived();
+  uint32_t s32[3] = {0x11112222, 0x33334444, 0x55556666};
+  uint16_t d16[3] = {};
+  EXPECT_EQ(0, vintfMove(0, 0, 0, 1, host(s32), 4, 0, 0, 1, host(d16), 2, 3));
+  EXPECT_EQ(0x2222, d16[0]);
+  EXPECT_EQ(0x6666, d16[2]);
+  uint8_t one = 0x7F;
+  uint32_t d32[3] = {};
+  EXPECT_EQ(0, vintfMove(0, 0, 0, 0, host(&one), 1, 0, 0, 1, host(d32), 4, 3));
+  EXPECT_EQ(0x7Fu, d32[2]);
+  EXPECT_TRUE(sim().receivedCommands().empty());
+}
+
+// A chunk that fails stops the move: the second chunk runs off the end of
+// the counter's 64 KiB window, the highest in A32.
+TEST_F(Blocks, FailingChunkStopsTheMove) {
+  const ViBusAddress base = attr64(0, need(kLaCounter), VI_ATTR_MEM_BASE_64);
+  ASSERT_EQ(0x10000u, attr64(0, need(kLaCounter), VI_ATTR_MEM_SIZE_64));
+  std::vector<uint8_t> d(200000, 0xA5);
+  EXPECT_EQ(kBusError, vintfMoveOut8(0, 0, 3, 1, base, d.size(), d.data()));
+  EXPECT_EQ(2u, sim().receivedCommands().size());
+  EXPECT_EQ(kBusError, vintfMoveIn8(0, 0, 3, 1, base, d.size(), d.data()));
+  EXPECT_EQ(4u, sim().receivedCommands().size());
 }

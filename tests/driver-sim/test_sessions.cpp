@@ -42,27 +42,6 @@ TEST_F(TwoBridges, EachInterfaceReachesItsOwnMainframe) {
   EXPECT_EQ(3u, sim(0).receivedCommands().size());
   EXPECT_EQ(3u, sim(1).receivedCommands().size());
 
-  // Word Serial on both.
-  for (ViUInt16 intf : {0, 1}) {
-    const int dmm = need(kLaDmm, intf);
-    char q[] = "*IDN?";
-    ViInt32 got = 0;
-    ASSERT_EQ(0, vintfWSwrt(intf, dmm, 3000, q, 5, 2, &got));
-    char buf[128] = {};
-    ASSERT_GE(vintfWSrd(intf, dmm, 3000, buf, sizeof buf - 1, 2, '\n', &got), 0);
-    EXPECT_STREQ("Simulated,VXI Multimeter 6.5,SIM1016,2.1\n", buf);
-    EXPECT_EQ(1u, commandsOf(sim(intf), 13).size()) << intf;
-  }
-
-  // A number above the highest interface is refused, without traffic.
-  sim(0).clearReceived();
-  sim(1).clearReceived();
-  EXPECT_EQ((ViStatus)0xBFFF0000, vintfIn16(2, 0, 1, configBase(0), &w));
-  char q[] = "*IDN?";
-  ViInt32 got = 0;
-  EXPECT_EQ((ViStatus)0xBFFF0000, vintfWSwrt(2, 0, 3000, q, 5, 2, &got));
-  EXPECT_TRUE(sim(0).receivedCommands().empty());
-  EXPECT_TRUE(sim(1).receivedCommands().empty());
 }
 
 TEST_F(TwoBridges, OneBridgeGoneLeavesTheOtherWorking) {
