@@ -185,6 +185,10 @@ void kvtcp_Disconnect(pKvTcpInfo intf) {
 void kvtcp_Close(pKvTcpInfo intf) {
   if (!intf) return;
   if (intf->Connected) kvtcp_Disconnect(intf);
+  // A closed record may be freed by its owner at once: give a receive thread
+  // that is still leaving (its socket was just shut down) a moment to let go
+  // of the record.  Never from that thread itself, e.g. a host callback.
+  if (!pthread_equal(pthread_self(), intf->hIntrThread)) kvtcp_WaitThreadGone(intf, 1000);
   if (intf->hCoreMutex) {
     util_mutex_close(intf->coreMutexName, (MUTEX_TYPE*)&intf->hCoreMutex);
     intf->hCoreMutex = nullptr;

@@ -90,6 +90,9 @@ KV_EXPORT int kvtcp_Lock(pKvTcpInfo intf);
 KV_EXPORT void kvtcp_UnLock(pKvTcpInfo intf);
 KV_EXPORT void kvtcp_setCallback(kvtcpEventHandler cb);
 KV_EXPORT void kvtcp_Disconnect(pKvTcpInfo intf);
+// Disconnects and closes the record's mutexes; once it returns, no receive
+// thread of this library still uses the record (within a second's grace), so
+// the caller may free it.
 KV_EXPORT void kvtcp_Close(pKvTcpInfo intf);
 
 // ---------------------------------------------------------------- HiSLIP

@@ -40,6 +40,17 @@ TEST(SimSession, ConnectQueryCloseConnectAgainAndSynchronizedMode) {
   kvtcp_Close(r);
 }
 
+// A record may be freed as soon as it is closed: its receive thread has let
+// go of it by then (under ASan a late thread would be a use after free).
+TEST(SimSession, RecordFreedRightAfterClose) {
+  Sim sim;
+  for (int i = 0; i < 20; i++) {
+    auto r = std::make_unique<KvTcpInfo>();
+    ASSERT_EQ(0, connectHislip(r.get()));
+    kvtcp_Close(r.get());
+  }
+}
+
 TEST(SimSession, SimulatorStoppedAndRestarted) {
   Sim sim;
   KvTcpInfo* r = newRecord();
