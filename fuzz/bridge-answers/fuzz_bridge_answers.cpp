@@ -26,19 +26,12 @@
 #include "TcpVxiAPIint.h"
 #include "inifile.h"
 #include "kvtcp_internal.h"
+#include "../fuzz_kit.h"
 
 namespace {
 
 // The shared block lives in this process only: no shared memory is mapped.
 SHAREDMEMINTF block;
-HANDLE intfMutex = nullptr;
-char intfMutexName[sizeof(KvTcpInfo{}.intfMutexName)];
-
-void closeMutexAtExit() {
-  if (intfMutex && intfMutex != (HANDLE)SEM_FAILED) sem_close((sem_t*)intfMutex);
-  intfMutex = nullptr;
-}
-
 // A closed peer is reported to the waits as a reset connection.  The real
 // rule (empty reads are waited on until the time-out has passed) would make
 // every cut answer cost the driver's full two-second command time-out; the
@@ -53,21 +46,8 @@ ssize_t recvEofAsReset(int s, void* buf, size_t len, int flags) {
 }
 
 void setUpOnce() {
-  if (intfMutex) return;
-  char base[64];
-  snprintf(base, sizeof base, "fuzzanswers%d", (int)getpid());
-  KvTcpInfo tmp;
-  memset(&tmp, 0, sizeof tmp);
-  open_mutex_intf(&tmp, base);
-  if (!tmp.hIntfMutex) {
-    fprintf(stderr, "cannot open the interface mutex %s\n", tmp.intfMutexName);
-    abort();
-  }
-  intfMutex = tmp.hIntfMutex;
-  memcpy(intfMutexName, tmp.intfMutexName, sizeof intfMutexName);
-  // The handle stays valid; the name goes at once so a crash leaves nothing.
-  sem_unlink(intfMutexName);
-  atexit(closeMutexAtExit);
+  if (fuzzkit::intfMutex) return;
+  fuzzkit::openMutexOnce("fuzzanswers");
   kvtcp_sys_recv = recvEofAsReset;
 }
 
@@ -92,12 +72,7 @@ void resetDriver(uint8_t ctrl) {
   k->Connected = 1;
   k->tcpType = KVTCP_HISLIP;
   k->port = HISLIP_PORT;
-  k->lid = KVTCP_NO_LINK;
-  k->hislipModeOverlap = 1;
-  k->hislipOutMesageID = (int)0xFFFFFF00u;
-  k->hislipMaximumMessageSize = 0x7FFF0000u;
-  k->hIntfMutex = intfMutex;
-  memcpy(k->intfMutexName, intfMutexName, sizeof k->intfMutexName);
+  fuzzkit::prepareHislipRecord(k);
 }
 
 int callbacks;

@@ -29,50 +29,18 @@
 #include <unistd.h>
 
 #include "kvtcp_internal.h"
+#include "../fuzz_kit.h"
 #include "visa-ipc.h"
 
 namespace {
 
 KvTcpInfo rec;
-HANDLE intfMutex = nullptr;
-char intfMutexName[sizeof rec.intfMutexName];
-
-void closeMutexAtExit() {
-  if (intfMutex && intfMutex != (HANDLE)SEM_FAILED) sem_close((sem_t*)intfMutex);
-  intfMutex = nullptr;
-}
-
-// The interface lock only needs an open handle.  One per process, with a
-// name of its own; the name is removed at once (the handle stays valid), so
-// a crashed run leaves nothing behind.
-void openMutexOnce() {
-  if (intfMutex) return;
-  char base[64];
-  snprintf(base, sizeof base, "fuzzhislip%d", (int)getpid());
-  KvTcpInfo tmp;
-  memset(&tmp, 0, sizeof tmp);
-  open_mutex_intf(&tmp, base);
-  if (!tmp.hIntfMutex) {
-    fprintf(stderr, "cannot open the interface mutex %s\n", tmp.intfMutexName);
-    abort();
-  }
-  intfMutex = tmp.hIntfMutex;
-  memcpy(intfMutexName, tmp.intfMutexName, sizeof intfMutexName);
-  sem_unlink(intfMutexName);
-  atexit(closeMutexAtExit);
-}
-
 void resetRecord() {
   memset(&rec, 0, sizeof rec);
   rec.Connected = 1;
   rec.tcpType = KVTCP_HISLIP;
   rec.port = HISLIP_PORT;
-  rec.lid = KVTCP_NO_LINK;
-  rec.hislipModeOverlap = 1;
-  rec.hislipOutMesageID = (int)0xFFFFFF00u;
-  rec.hislipMaximumMessageSize = 0x7FFF0000u;
-  rec.hIntfMutex = intfMutex;
-  memcpy(rec.intfMutexName, intfMutexName, sizeof rec.intfMutexName);
+  fuzzkit::prepareHislipRecord(&rec);
 }
 
 // Writes what fits into the far end without blocking (the input is small
@@ -207,7 +175,7 @@ bool runOp(const Op& op, ViUInt32 tmo, int farCore, int farIntr) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  openMutexOnce();
+  fuzzkit::openMutexOnce("fuzzhislip");
   resetRecord();
   waitSpent = false;
   kvtcp_setCallback(onAsync);

@@ -31,7 +31,7 @@ TEST(MainframeIni, DefaultFileDescribesTheBuiltInMainframe) {
   auto& b = fromFile.mainframe();
   ASSERT_EQ(a.deviceCount(), b.deviceCount());
   for (size_t i = 0; i < a.deviceCount(); ++i) {
-    const auto &x = a.device(i).spec(), &y = b.device(i).spec();
+    const auto &x = a.device(i).desc(), &y = b.device(i).desc();
     EXPECT_EQ(x.kind, y.kind) << x.name;
     EXPECT_EQ(x.identity, y.identity) << x.name;
     EXPECT_EQ(x.irqLine, y.irqLine) << x.name;

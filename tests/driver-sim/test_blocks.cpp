@@ -32,8 +32,8 @@ ViStatus moveIn(ViUInt32 mode, ViUInt16 space, bool inc, ViBusAddress a, size_t 
 }
 
 template <class T>
-std::vector<T> randomElements(size_t n, uint32_t seed) {
-  std::mt19937 g(seed);
+std::vector<T> randomElements(size_t n, uint32_t salt) {
+  std::mt19937 g(salt);
   std::vector<T> v(n);
   for (auto& x : v) x = (T)g();
   return v;
@@ -59,9 +59,9 @@ size_t chunksFor(size_t bytes) { return (bytes + 65519) / 65520; }
 // Out and back in through the A32 memory card, at sizes on both sides of the
 // 65520-byte chunk; the simulated memory must hold exactly what went out.
 template <class T>
-void roundTrip(bridgesim::Server& sim, ViBusAddress base, uint32_t off, size_t n, uint32_t seed) {
+void roundTrip(bridgesim::Server& sim, ViBusAddress base, uint32_t off, size_t n, uint32_t salt) {
   SCOPED_TRACE(testing::Message() << sizeof(T) * 8 << "-bit, " << n << " elements at +0x" << std::hex << off);
-  auto out = randomElements<T>(n, seed);
+  auto out = randomElements<T>(n, salt);
   const ViBusAddress a = base + off;
   // The 8-bit moves take the whole mode as the privilege: no swap bit there.
   for (bool swapped : {false, true}) {
@@ -99,12 +99,12 @@ TEST_F(Blocks, LargeMovesKeepTheirDataAtEveryWidthAndBothOrders) {
   const int mem = need(kLaMemory);
   const ViBusAddress base = attr64(0, mem, VI_ATTR_MEM_BASE_64);
   ASSERT_GE(attr64(0, mem, VI_ATTR_MEM_SIZE_64), 0x400000u);
-  uint32_t seed = 1;
+  uint32_t salt = 1;
   for (size_t n : {65519u, 65520u, 65521u, 2 * 65520u + 3})
-    roundTrip<uint8_t>(sim(), base, 0x10001, n, seed++);
-  for (size_t n : {32760u, 32761u, 70001u}) roundTrip<uint16_t>(sim(), base, 0x100002, n, seed++);
+    roundTrip<uint8_t>(sim(), base, 0x10001, n, salt++);
+  for (size_t n : {32760u, 32761u, 70001u}) roundTrip<uint16_t>(sim(), base, 0x100002, n, salt++);
   for (size_t n : {16379u, 16380u, 16381u, 20000u, 3 * 16380u + 7})
-    roundTrip<uint32_t>(sim(), base, 0x200004, n, seed++);
+    roundTrip<uint32_t>(sim(), base, 0x200004, n, salt++);
 }
 
 // 20000 longwords go out as 16380 + 3620 with bridge time-outs of 4105 and

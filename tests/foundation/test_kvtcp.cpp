@@ -186,9 +186,9 @@ struct Seams {
   }
 };
 
-std::string pattern(size_t n, int seed = 0) {
+std::string pattern(size_t n, int salt = 0) {
   std::string s(n, '\0');
-  for (size_t i = 0; i < n; i++) s[i] = (char)('A' + (i * 7 + seed) % 26);
+  for (size_t i = 0; i < n; i++) s[i] = (char)('A' + (i * 7 + salt) % 26);
   return s;
 }
 

@@ -220,18 +220,18 @@ bool doMoveIn(Session& s, const Args& a, MoveIn mv) {
 
 // Values: a comma-separated list, or ramp:N (0,1,2,...), or fill:N:V.
 template <typename T>
-std::vector<T> values(const std::string& spec) {
+std::vector<T> values(const std::string& text) {
   std::vector<T> v;
-  if (spec.rfind("ramp:", 0) == 0) {
-    uint64_t n = num(spec.substr(5), "ramp length");
+  if (text.rfind("ramp:", 0) == 0) {
+    uint64_t n = num(text.substr(5), "ramp length");
     if (n > (64u << 20) / sizeof(T)) throw Usage("ramp too long");
     for (uint64_t i = 0; i < n; i++) v.push_back((T)i);
     return v;
   }
   size_t pos = 0;
-  while (pos <= spec.size()) {
-    size_t c = spec.find(',', pos);
-    std::string item = spec.substr(pos, c == std::string::npos ? std::string::npos : c - pos);
+  while (pos <= text.size()) {
+    size_t c = text.find(',', pos);
+    std::string item = text.substr(pos, c == std::string::npos ? std::string::npos : c - pos);
     v.push_back((T)num(item, "value"));
     if (c == std::string::npos) break;
     pos = c + 1;

@@ -223,10 +223,10 @@ struct Bridge::Impl {
 
 Bridge::Bridge(const std::string& iniPath) : impl_(std::make_unique<Impl>()) {
   MainframeInfo info;
-  std::vector<DeviceDesc> specs;
-  if (iniPath.empty()) specs = Mainframe::defaultDescs();
-  else Mainframe::loadIni(iniPath, &info, &specs);
-  impl_->mf.build(info, specs);
+  std::vector<DeviceDesc> descs;
+  if (iniPath.empty()) descs = Mainframe::defaultDescs();
+  else Mainframe::loadIni(iniPath, &info, &descs);
+  impl_->mf.build(info, descs);
   impl_->broadcast = &broadcastAsync;
 }
 
@@ -305,7 +305,7 @@ std::vector<uint8_t> Bridge::Impl::run(const HostId& host, const uint8_t* cmd, s
       if (len < 12) return failure(code, vistatus::kIoError);
       uint32_t statId = le32(cmd + 8);
       Device* d = mf.deviceAt(statId & 0xFF);
-      pending.push_back({d ? d->spec().irqLine : 1u, statId});
+      pending.push_back({d ? d->desc().irqLine : 1u, statId});
       return words({0});
     }
     default: return failure(code, vistatus::kNotSupported);

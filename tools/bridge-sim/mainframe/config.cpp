@@ -112,14 +112,14 @@ class Section {
 
 }  // namespace
 
-void Mainframe::loadIni(const std::string& path, MainframeInfo* info, std::vector<DeviceDesc>* specs) {
+void Mainframe::loadIni(const std::string& path, MainframeInfo* info, std::vector<DeviceDesc>* descs) {
   IniDoc doc;
   doc.t = Ini_New(0);
   if (!doc.t) throw std::runtime_error("out of memory reading " + path);
   if (Ini_ReadFromFile(doc.t, path.c_str()) < 0) throw std::runtime_error("cannot read mainframe file " + path);
 
   *info = MainframeInfo{};
-  specs->clear();
+  descs->clear();
   std::set<std::string> seen;
   const int n = Ini_NumberOfSections(doc.t);
   for (int i = 1; i <= n; ++i) {
@@ -138,7 +138,7 @@ void Mainframe::loadIni(const std::string& path, MainframeInfo* info, std::vecto
     }
     s.checkKeys({"la", "slot", "class", "kind", "manf_id", "model_code", "space", "m", "offset", "irq", "idn",
                  "passed", "fifo", "fifo_samples", "meas_delay_ms", "reading", "longword", "memory"});
-    if (specs->size() >= kMaxDevices)
+    if (descs->size() >= kMaxDevices)
       throw std::runtime_error(path + ": more than " + std::to_string(kMaxDevices) + " devices");
     DeviceDesc d;
     d.name = name;
@@ -182,9 +182,9 @@ void Mainframe::loadIni(const std::string& path, MainframeInfo* info, std::vecto
     std::string mem = lower(s.str("MEMORY", "zero"));
     if (mem == "ramp") d.rampMemory = true;
     else if (mem != "zero") s.fail("MEMORY must be zero or ramp");
-    specs->push_back(std::move(d));
+    descs->push_back(std::move(d));
   }
-  if (specs->empty()) throw std::runtime_error(path + ": no device described");
+  if (descs->empty()) throw std::runtime_error(path + ": no device described");
 }
 
 }  // namespace bridgesim

@@ -74,22 +74,22 @@ constexpr uint16_t kCtlEnable = 0x8000, kCtlSysfailInhibit = 0x0002, kCtlReset =
 uint16_t be16(const uint8_t* p) { return static_cast<uint16_t>(p[0] << 8 | p[1]); }
 }  // namespace
 
-Device::Device(DeviceDesc spec, uint64_t* memBudget) : spec_(std::move(spec)) {
-  if (uint32_t w = windowSize()) mem_ = std::make_unique<SparseMemory>(w, spec_.rampMemory, memBudget);
-  if (messageBased()) engine_ = std::make_unique<MessageEngine>(spec_);
+Device::Device(DeviceDesc desc, uint64_t* memBudget) : desc_(std::move(desc)) {
+  if (uint32_t w = windowSize()) mem_ = std::make_unique<SparseMemory>(w, desc_.rampMemory, memBudget);
+  if (messageBased()) engine_ = std::make_unique<MessageEngine>(desc_);
 }
 
 Device::~Device() = default;
 
 uint32_t Device::windowSize() const {
-  if (spec_.memSpace == Space::A24) return 1u << (23 - std::min(spec_.m, 15u));
-  if (spec_.memSpace == Space::A32) return 1u << (31 - std::min(spec_.m, 15u));
+  if (desc_.memSpace == Space::A24) return 1u << (23 - std::min(desc_.m, 15u));
+  if (desc_.memSpace == Space::A32) return 1u << (31 - std::min(desc_.m, 15u));
   return 0;
 }
 
 uint32_t Device::windowBase() const {
-  if (spec_.memSpace == Space::A24) return uint32_t(offset_) << 8;
-  if (spec_.memSpace == Space::A32) return uint32_t(offset_) << 16;
+  if (desc_.memSpace == Space::A24) return uint32_t(offset_) << 8;
+  if (desc_.memSpace == Space::A32) return uint32_t(offset_) << 16;
   return 0;
 }
 
@@ -99,7 +99,7 @@ void Device::reset(Clock::time_point now) {
   dataHighSet_ = false;
   ddRegs_.fill(0);
   fifo_.clear();
-  for (unsigned k = 0; k < spec_.fifoSamples && fifo_.size() + 2 <= Mainframe::kFifoCapacity; ++k) {
+  for (unsigned k = 0; k < desc_.fifoSamples && fifo_.size() + 2 <= Mainframe::kFifoCapacity; ++k) {
     fifo_.push_back(static_cast<uint8_t>(k >> 8));
     fifo_.push_back(static_cast<uint8_t>(k));
   }
@@ -110,18 +110,18 @@ int32_t Device::readReg(unsigned off, uint16_t* v, Clock::time_point now, std::v
   if (engine_) engine_->advance(now, irqs);
   switch (off) {
     case kRegId:
-      *v = static_cast<uint16_t>(unsigned(spec_.cls) << 14 | (spec_.memSpace == Space::A32   ? 1u
-                                                              : spec_.memSpace == Space::A24 ? 0u
+      *v = static_cast<uint16_t>(unsigned(desc_.cls) << 14 | (desc_.memSpace == Space::A32   ? 1u
+                                                              : desc_.memSpace == Space::A24 ? 0u
                                                                                              : 3u)
                                                                 << 12 |
-                                 (spec_.manfId & 0xFFF));
+                                 (desc_.manfId & 0xFFF));
       return 0;
     case kRegDevType:
-      *v = static_cast<uint16_t>((windowSize() ? (std::min(spec_.m, 15u) << 12) : 0) | (spec_.modelCode & 0xFFF));
+      *v = static_cast<uint16_t>((windowSize() ? (std::min(desc_.m, 15u) << 12) : 0) | (desc_.modelCode & 0xFFF));
       return 0;
     case kRegStatus:
       // bit 15 window active, bit 14 MODID* (not asserted), bit 3 ready, bit 2 passed
-      *v = static_cast<uint16_t>((windowEnabled() ? 0x8000 : 0) | 0x4000 | 0x0008 | (spec_.passed ? 0x0004 : 0));
+      *v = static_cast<uint16_t>((windowEnabled() ? 0x8000 : 0) | 0x4000 | 0x0008 | (desc_.passed ? 0x0004 : 0));
       return 0;
     case kRegOffset:
       *v = offset_;
@@ -297,11 +297,11 @@ std::vector<DeviceDesc> Mainframe::defaultDescs() {
   return v;
 }
 
-void Mainframe::build(const MainframeInfo& info, const std::vector<DeviceDesc>& specs) {
-  if (specs.size() > kMaxDevices)
-    throw std::runtime_error("the mainframe lists " + std::to_string(specs.size()) + " devices; at most " +
+void Mainframe::build(const MainframeInfo& info, const std::vector<DeviceDesc>& descs) {
+  if (descs.size() > kMaxDevices)
+    throw std::runtime_error("the mainframe lists " + std::to_string(descs.size()) + " devices; at most " +
                              std::to_string(kMaxDevices) + " are allowed");
-  std::vector<DeviceDesc> s = specs;
+  std::vector<DeviceDesc> s = descs;
   std::stable_sort(s.begin(), s.end(), [](const DeviceDesc& a, const DeviceDesc& b) { return a.la < b.la; });
   for (const auto& d : s) {
     const std::string who = "device \"" + d.name + "\"";
@@ -345,17 +345,17 @@ void Mainframe::configure() {
     std::vector<Device*> todo;
     const uint64_t spaceEnd = sp == Space::A24 ? (1ull << 24) : (1ull << 32);
     for (auto& d : devices_) {
-      if (d->spec().memSpace != sp || !d->windowSize()) continue;
-      if (d->spec().offsetReg) {
-        d->setOffsetReg(static_cast<uint16_t>(*d->spec().offsetReg));
+      if (d->desc().memSpace != sp || !d->windowSize()) continue;
+      if (d->desc().offsetReg) {
+        d->setOffsetReg(static_cast<uint16_t>(*d->desc().offsetReg));
         uint64_t base = d->windowBase(), size = d->windowSize();
         if (base % size || base + size > spaceEnd)
-          throw std::runtime_error("device \"" + d->spec().name + "\": its window is not aligned to its size");
+          throw std::runtime_error("device \"" + d->desc().name + "\": its window is not aligned to its size");
         for (auto& u : used)
           if (base < u.base + u.size && u.base < base + size)
-            throw std::runtime_error("devices \"" + u.name + "\" and \"" + d->spec().name +
+            throw std::runtime_error("devices \"" + u.name + "\" and \"" + d->desc().name +
                                      "\" have overlapping windows");
-        used.push_back({base, size, d->spec().name});
+        used.push_back({base, size, d->desc().name});
       } else {
         todo.push_back(d.get());
       }
@@ -376,9 +376,9 @@ void Mainframe::configure() {
           }
       }
       if (base + size > spaceEnd)
-        throw std::runtime_error("device \"" + d->spec().name + "\": no room for its window");
+        throw std::runtime_error("device \"" + d->desc().name + "\": no room for its window");
       d->setOffsetReg(static_cast<uint16_t>(sp == Space::A24 ? base >> 8 : base >> 16));
-      used.push_back({base, size, d->spec().name});
+      used.push_back({base, size, d->desc().name});
     }
   }
   for (auto& d : devices_) {
@@ -412,7 +412,7 @@ bool Mainframe::decode(Space sp, uint32_t addr, Target* t) {
     return true;
   }
   auto hit = [&](Device* d) {
-    if (!d || d->spec().memSpace != sp || !d->windowEnabled()) return false;
+    if (!d || d->desc().memSpace != sp || !d->windowEnabled()) return false;
     uint64_t base = d->windowBase(), size = d->windowSize();
     if (addr < base || addr >= base + size) return false;
     *t = {d, false, static_cast<uint32_t>(addr - base), static_cast<uint32_t>(base + size - addr)};
@@ -560,7 +560,7 @@ std::string Mainframe::resourceText() const {
   int n = 0;
   char line[160];
   for (const auto& d : devices_) {
-    const DeviceDesc& sp = d->spec();
+    const DeviceDesc& sp = d->desc();
     uint32_t a24o = 0, a24s = 0, a32o = 0, a32s = 0;
     if (sp.memSpace == Space::A24) a24o = d->windowBase(), a24s = d->windowSize();
     if (sp.memSpace == Space::A32) a32o = d->windowBase(), a32s = d->windowSize();

@@ -103,17 +103,17 @@ struct BusCycle {
 
 class Device {
  public:
-  explicit Device(DeviceDesc spec, uint64_t* memBudget);
+  explicit Device(DeviceDesc desc, uint64_t* memBudget);
   ~Device();
-  const DeviceDesc& spec() const { return spec_; }
-  bool messageBased() const { return spec_.cls == DevClass::Message; }
+  const DeviceDesc& desc() const { return desc_; }
+  bool messageBased() const { return desc_.cls == DevClass::Message; }
   uint32_t windowSize() const;  // 0 without a window
   uint32_t windowBase() const;  // from the Offset register
   bool windowEnabled() const { return windowSize() && (control_ & 0x8000); }
   uint16_t offsetReg() const { return offset_; }
   void setOffsetReg(uint16_t v) { offset_ = v; }
   uint16_t controlReg() const { return control_; }
-  bool sysfail() const { return !spec_.passed && !(control_ & 0x0002); }
+  bool sysfail() const { return !desc_.passed && !(control_ & 0x0002); }
   MessageEngine* engine() { return engine_.get(); }
 
   // Configuration register of 16 bits at an even offset 0-0x3E.  Reads may
@@ -124,7 +124,7 @@ class Device {
   int32_t fifoRead(unsigned width, uint32_t* v);
   int32_t fifoWrite(unsigned width, uint32_t v);
   bool isFifo(unsigned off) const {
-    return spec_.fifoOffset >= 0 && off >= unsigned(spec_.fifoOffset) && off < unsigned(spec_.fifoOffset) + 4;
+    return desc_.fifoOffset >= 0 && off >= unsigned(desc_.fifoOffset) && off < unsigned(desc_.fifoOffset) + 4;
   }
   SparseMemory* memory() { return mem_.get(); }
 
@@ -132,7 +132,7 @@ class Device {
   void reset(Clock::time_point now);
 
  private:
-  DeviceDesc spec_;
+  DeviceDesc desc_;
   uint16_t control_ = 0;
   uint16_t offset_ = 0;
   uint16_t dataHigh_ = 0;
@@ -164,10 +164,10 @@ class Mainframe {
 
   // Builds the mainframe; throws std::runtime_error on an inconsistent set
   // (duplicate logical address, overlapping or misaligned fixed windows...).
-  void build(const MainframeInfo& info, const std::vector<DeviceDesc>& specs);
+  void build(const MainframeInfo& info, const std::vector<DeviceDesc>& descs);
   static std::vector<DeviceDesc> defaultDescs();
   // Reads a description; throws std::runtime_error with the reason.
-  static void loadIni(const std::string& path, MainframeInfo* info, std::vector<DeviceDesc>* specs);
+  static void loadIni(const std::string& path, MainframeInfo* info, std::vector<DeviceDesc>* descs);
 
   const MainframeInfo& info() const { return info_; }
   size_t deviceCount() const { return devices_.size(); }

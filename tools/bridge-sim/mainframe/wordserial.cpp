@@ -132,10 +132,10 @@ bool parseChannels(std::string_view s, std::vector<int>* out) {
 
 }  // namespace
 
-MessageEngine::MessageEngine(const DeviceDesc& spec) : spec_(spec) { settings(); }
+MessageEngine::MessageEngine(const DeviceDesc& desc) : desc_(desc) { settings(); }
 
 void MessageEngine::settings() {
-  function_ = spec_.kind == "counter" ? "FREQ" : "VOLT";
+  function_ = desc_.kind == "counter" ? "FREQ" : "VOLT";
   triggerBus_ = true;
   armed_ = false;
   measuring_ = false;
@@ -181,8 +181,8 @@ uint16_t MessageEngine::responseReg(Clock::time_point now) const {
 // controller), 12 interrupter, 2 longword serial, 0 IEEE 488.2 instrument.
 uint16_t MessageEngine::protocolReg() const {
   uint16_t p = (1u << 12) | 1u;
-  if (spec_.kind == "controller") p |= 1u << 15;
-  if (spec_.longword) p |= 1u << 2;
+  if (desc_.kind == "controller") p |= 1u << 15;
+  if (desc_.longword) p |= 1u << 2;
   return p;
 }
 
@@ -220,20 +220,20 @@ void MessageEngine::advance(Clock::time_point now, std::vector<Interrupt>* irqs)
       esr_ |= 0x01;
       opcPending_ = false;
     }
-    if (irqs) irqs->push_back({spec_.irqLine, (kCauseRequestTrue << 8) | (spec_.la & 0xFF)});
+    if (irqs) irqs->push_back({desc_.irqLine, (kCauseRequestTrue << 8) | (desc_.la & 0xFF)});
   }
 }
 
 void MessageEngine::startMeasurement(Clock::time_point now) {
   armed_ = false;
   measuring_ = true;
-  measEnd_ = now + std::chrono::milliseconds(spec_.measDelayMs);
+  measEnd_ = now + std::chrono::milliseconds(desc_.measDelayMs);
 }
 
 void MessageEngine::trigger(Clock::time_point now, std::vector<Interrupt>* irqs) {
   advance(now, irqs);
   ++triggers_;
-  bool measures = spec_.kind == "dmm" || spec_.kind == "counter";
+  bool measures = desc_.kind == "dmm" || desc_.kind == "counter";
   if (!measures) return;
   if (!armed_ || !triggerBus_) {
     pushError(-211, "Trigger ignored");
@@ -243,8 +243,8 @@ void MessageEngine::trigger(Clock::time_point now, std::vector<Interrupt>* irqs)
 }
 
 double MessageEngine::measuredValue(const std::string& function) const {
-  double base = spec_.reading;
-  if (base == 0) base = spec_.kind == "counter" ? 10.0e6 : 1.2345;
+  double base = desc_.reading;
+  if (base == 0) base = desc_.kind == "counter" ? 10.0e6 : 1.2345;
   if (function == "CURR") return base / 1000.0;
   return base;
 }
@@ -270,7 +270,7 @@ MessageEngine::CmdResult MessageEngine::command(uint32_t cmd, bool longword, Clo
     // Longword Serial: the low half is run as the 16-bit command and the
     // 32-bit response carries the command's high half above the 16-bit
     // response (the simulator's convention).
-    if (!spec_.longword) {
+    if (!desc_.longword) {
       protoErr_ = wserr::kUnsupportedCommand;
       return r;
     }
@@ -417,14 +417,14 @@ bool MessageEngine::run(std::string_view header, std::string_view params, Clock:
                         std::string* answer, Clock::time_point* readyAt, std::vector<Interrupt>* irqs) {
   bool query = !header.empty() && header.back() == '?';
   std::string_view h = query ? header.substr(0, header.size() - 1) : header;
-  const std::string& kind = spec_.kind;
+  const std::string& kind = desc_.kind;
   bool measures = kind == "dmm" || kind == "counter";
   auto later = [&](Clock::time_point t) { *readyAt = std::max(*readyAt, t); };
-  auto slow = [&] { later(now + std::chrono::milliseconds(spec_.measDelayMs)); };
+  auto slow = [&] { later(now + std::chrono::milliseconds(desc_.measDelayMs)); };
 
   if (query) {
     if (iequal(h, "*IDN")) {
-      *answer = spec_.identity;
+      *answer = desc_.identity;
     } else if (iequal(h, "*STB")) {
       *answer = std::to_string(statusByte(now));
     } else if (iequal(h, "*OPC")) {
@@ -438,7 +438,7 @@ bool MessageEngine::run(std::string_view header, std::string_view params, Clock:
     } else if (iequal(h, "*SRE")) {
       *answer = std::to_string(sre_);
     } else if (iequal(h, "*TST")) {
-      *answer = spec_.passed ? "0" : "1";
+      *answer = desc_.passed ? "0" : "1";
     } else if (matches(h, "SYSTem:ERRor[:NEXT]")) {
       if (errors_.empty()) {
         *answer = "0,\"No error\"";

@@ -58,7 +58,7 @@ class MessageEngine {
   static constexpr size_t kInputLimit = 64 * 1024;  // bytes of one incoming message kept
   static constexpr size_t kErrorQueueDepth = 10;
 
-  explicit MessageEngine(const DeviceDesc& spec);
+  explicit MessageEngine(const DeviceDesc& desc);
 
   void reset(Clock::time_point now);  // power-on state, settings to default
   void clear();                       // Word Serial Clear: I/O and exchange state, not the settings
@@ -105,7 +105,7 @@ class MessageEngine {
   void startMeasurement(Clock::time_point now);
   void settings();  // settings to their defaults
 
-  const DeviceDesc& spec_;
+  const DeviceDesc& desc_;
   std::string in_;
   bool inOverflow_ = false;
   std::string out_;

@@ -1,0 +1,52 @@
+// Shared by the fuzz targets that drive the transport over a socket pair.
+#pragma once
+
+#include <semaphore.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include "kvtcp_internal.h"
+
+namespace fuzzkit {
+
+inline HANDLE intfMutex = nullptr;
+inline char intfMutexName[sizeof(KvTcpInfo{}.intfMutexName)];
+
+inline void closeMutexAtExit() {
+  if (intfMutex && intfMutex != (HANDLE)SEM_FAILED) sem_close((sem_t*)intfMutex);
+  intfMutex = nullptr;
+}
+
+// The interface lock only needs an open handle.  One per process, with a
+// name of its own; the name is removed at once (the handle stays valid), so
+// a crashed run leaves nothing behind.
+inline void openMutexOnce(const char* prefix) {
+  if (intfMutex) return;
+  char base[64];
+  snprintf(base, sizeof base, "%s%d", prefix, (int)getpid());
+  KvTcpInfo tmp;
+  memset(&tmp, 0, sizeof tmp);
+  open_mutex_intf(&tmp, base);
+  if (!tmp.hIntfMutex) {
+    fprintf(stderr, "cannot open the interface mutex %s\n", tmp.intfMutexName);
+    abort();
+  }
+  intfMutex = tmp.hIntfMutex;
+  memcpy(intfMutexName, tmp.intfMutexName, sizeof intfMutexName);
+  sem_unlink(intfMutexName);
+  atexit(closeMutexAtExit);
+}
+
+// A HiSLIP record as a fresh connection leaves it, sharing the process's mutex.
+inline void prepareHislipRecord(KvTcpInfo* k) {
+  k->lid = KVTCP_NO_LINK;
+  k->hislipModeOverlap = 1;
+  k->hislipOutMesageID = (int)0xFFFFFF00u;
+  k->hislipMaximumMessageSize = 0x7FFF0000u;
+  k->hIntfMutex = intfMutex;
+  memcpy(k->intfMutexName, intfMutexName, sizeof k->intfMutexName);
+}
+
+}  // namespace fuzzkit
