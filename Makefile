@@ -2,6 +2,8 @@
 JOBS ?= 2
 GEN := $(shell command -v ninja >/dev/null 2>&1 && echo "-G Ninja")
 CMAKE_FLAGS ?=
+# ccache, when present, makes the several builds (release, sanitizers) cheap to repeat.
+CCACHE := $(shell command -v ccache >/dev/null 2>&1 && echo "-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache")
 
 .PHONY: all build build-asan test test-release test-asan demo bench fuzz clean deps
 
@@ -12,11 +14,11 @@ deps:
 
 # The release build also compiles the benchmarks so that they never rot.
 build:
-	cmake -S . -B build/release $(GEN) -DCMAKE_BUILD_TYPE=Release -DKV_BUILD_TESTS=ON -DKV_BUILD_BENCH=ON $(CMAKE_FLAGS)
+	cmake -S . -B build/release $(GEN) -DCMAKE_BUILD_TYPE=Release -DKV_BUILD_TESTS=ON -DKV_BUILD_BENCH=ON $(CCACHE) $(CMAKE_FLAGS)
 	cmake --build build/release -j $(JOBS)
 
 build-asan:
-	cmake -S . -B build/asan $(GEN) -DCMAKE_BUILD_TYPE=Debug -DKV_SANITIZE=ON -DKV_BUILD_TESTS=ON $(CMAKE_FLAGS)
+	cmake -S . -B build/asan $(GEN) -DCMAKE_BUILD_TYPE=Debug -DKV_SANITIZE=ON -DKV_BUILD_TESTS=ON $(CCACHE) $(CMAKE_FLAGS)
 	cmake --build build/asan -j $(JOBS)
 
 test-release: build
@@ -35,12 +37,12 @@ fuzz:
 	@sh fuzz/run.sh
 
 demo: deps
-	cmake -S . -B build/release $(GEN) -DCMAKE_BUILD_TYPE=Release -DKV_BUILD_TESTS=ON $(CMAKE_FLAGS)
+	cmake -S . -B build/release $(GEN) -DCMAKE_BUILD_TYPE=Release -DKV_BUILD_TESTS=ON $(CCACHE) $(CMAKE_FLAGS)
 	cmake --build build/release -j $(JOBS) --target tcpvxi tcpvxi-host tcpvxi-bridge-sim
 	@bash tools/demo.sh build/release
 
 bench: deps
-	cmake -S . -B build/bench $(GEN) -DCMAKE_BUILD_TYPE=Release -DKV_BUILD_TESTS=OFF -DKV_BUILD_BENCH=ON $(CMAKE_FLAGS)
+	cmake -S . -B build/bench $(GEN) -DCMAKE_BUILD_TYPE=Release -DKV_BUILD_TESTS=OFF -DKV_BUILD_BENCH=ON $(CCACHE) $(CMAKE_FLAGS)
 	cmake --build build/bench -j $(JOBS)
 	@sh bench/run.sh build/bench
 
