@@ -108,7 +108,8 @@ const std::vector<Command>& commands() {
                    std::string txt;
                    std::vector<std::string> w;
                    for (size_t i = 1; i < a.size(); i++) {
-                     txt += (i > 1 ? " " : "") + printable(a[i]);
+                     if (i > 1) txt += ' ';
+                     txt += printable(a[i]);
                      w.push_back(jstr(a[i]));
                    }
                    out.line("%s", txt.c_str());
@@ -206,7 +207,18 @@ bool runLine(Session& s, const std::string& line) {
   bool ok = true;
   for (auto& c : cmds) {
     if (s.quit || interrupted()) break;
-    ok = runCommand(s, c) && ok;
+    // A leading '!' marks a command that is expected to fail (a script that
+    // shows an error case); it counts as a failure only if it succeeds.
+    bool expectFail = c[0][0] == '!';
+    if (expectFail) c[0].erase(0, 1);
+    if (expectFail && c[0].empty()) c.erase(c.begin());
+    bool good = runCommand(s, c) != expectFail;
+    if (!good && expectFail) {
+      std::lock_guard<std::mutex> g(outMutex());
+      fprintf(stderr, "expected this command to fail\n");
+    }
+    ok = ok && good;
+    if (!good && !s.keepGoing) break;
   }
   return ok;
 }

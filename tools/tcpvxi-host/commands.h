@@ -22,6 +22,7 @@ struct Session {
   bool verbose = false;
   bool quit = false;
   bool json = false;
+  bool keepGoing = true;  // run the rest of a line after a failed command
   bool started = false;  // tcpvxi_start ran (calls before it would crash the driver)
   bool opened = false;   // vintfOpenDevice ran: instruments can be named
   unsigned nIntf = 0;    // interfaces reported by the last open

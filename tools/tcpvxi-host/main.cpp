@@ -71,6 +71,7 @@ int main(int argc, char** argv) {
   sigaction(SIGINT, &sa, nullptr);
 
   bool batch = !script.empty() || !cmds.empty() || !words.empty();
+  s.keepGoing = keepGoing || !batch;
   int failures = 0;
   auto run = [&](const std::string& line) {
     if (s.quit) return;
@@ -78,18 +79,13 @@ int main(int argc, char** argv) {
     size_t first = l.find_first_not_of(" \t");
     if (first == std::string::npos) return;
     if (batch && !json && l[first] != '#' && words.empty()) printf("> %s\n", l.c_str() + first);
-    // A leading '!' marks a command that is expected to fail (a script that
-    // shows an error case); it counts as a failure only if it succeeds.
-    bool expectFail = l[first] == '!';
-    if (expectFail) l.erase(first, 1);
     host::setInterrupted(false);
     bool ok = host::runLine(s, l);
     if (host::interrupted()) {
       fprintf(stderr, "interrupted\n");
       if (batch) s.quit = true;  // a script stops at Ctrl-C; the prompt goes on
     }
-    if (ok == expectFail) {
-      if (expectFail) fprintf(stderr, "expected this command to fail\n");
+    if (!ok) {
       failures++;
       if (!keepGoing && batch) s.quit = true;
     }

@@ -294,7 +294,9 @@ bool doCheck(Session& s, Out& out) {
       js.push_back(jobj({{"section", jnum((int64_t)b.section)}, {"address", jstr(b.addr)},
                          {"state", jstr(probeWord(p))}}));
     }
-    if (num >= 1 && f.bridges.empty()) problem("NumIntf is " + f.numIntf + " but no [INTFn] section follows");
+    if (num >= 1 && (int)f.bridges.size() < num)
+      problem("NumIntf=" + f.numIntf + " but only " + std::to_string(f.bridges.size()) +
+              " [INTFn] section(s) follow: the driver leaves the missing ones out");
   }
   out.field("bridges", jarr(js));
   // Another process that runs the driver holds the shared block.
