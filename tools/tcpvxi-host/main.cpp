@@ -78,7 +78,10 @@ int main(int argc, char** argv) {
     std::string l = line;
     size_t first = l.find_first_not_of(" \t");
     if (first == std::string::npos) return;
-    if (batch && !json && l[first] != '#' && words.empty()) printf("> %s\n", l.c_str() + first);
+    // Scripts show each command before its output; their comments and
+    // echoes speak for themselves.
+    if (batch && !json && l[first] != '#' && words.empty() && l.compare(first, 5, "echo ") != 0)
+      printf("> %s\n", l.c_str() + first);
     host::setInterrupted(false);
     bool ok = host::runLine(s, l);
     if (host::interrupted()) {

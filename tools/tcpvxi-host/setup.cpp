@@ -387,7 +387,7 @@ void addSetupCommands(std::vector<Command>& t) {
                  bool ok = true;
                  for (uint16_t i = 0; i < s.nIntf; i++) {
                    ViUInt32 n = 0;
-                   ok = out.status(s.drv.getNumRsrc(i, &n)) && ok;
+                   ok = out.status(s.drv.getNumRsrc(i, &n), "", false) && ok;
                    out.line("%s: %u instrument(s)", intfName(i).c_str(), n);
                    std::vector<std::string> ji;
                    for (uint32_t k = 0; k < n; k++) {
