@@ -1,5 +1,6 @@
 // tcpvxi-host end to end: the real tool loads the real driver, which talks
 // HiSLIP to a simulated bridge running in this test process.
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -13,6 +14,7 @@
 #include <cstdio>
 #include <fstream>
 #include <regex>
+#include <thread>
 
 #include "sim.h"
 #ifdef KV_HAVE_VXI11SIM
@@ -276,6 +278,34 @@ TEST_F(HostTool, InstrumentsOverHislipAndVxi11) {
   expectAll(out, {"\"queries\":20", "\"queries_per_s\":", "\"p99\":"});
   EXPECT_EQ(1, tool("", &out, kLib, {"instr", "TCPIP::127.0.0.1::hislip0::FOO", "query", "x"})) << out;
   expectAll(out, {"error: not a TCPIP resource"});
+  // A raw socket instrument: answers each line with "echo:" and the line.
+  int ls = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in sa{};
+  sa.sin_family = AF_INET;
+  sa.sin_port = htons(5025);
+  sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ASSERT_EQ(0, bind(ls, (sockaddr*)&sa, sizeof sa));
+  listen(ls, 1);
+  std::thread raw([ls] {
+    int c = accept(ls, nullptr, nullptr);
+    std::string line;
+    char ch;
+    while (c >= 0 && read(c, &ch, 1) == 1)
+      if (ch != '\n') line += ch;
+      else {
+        std::string a = "echo:" + line + "\n";
+        if (write(c, a.data(), a.size()) < 0) break;
+        line.clear();
+      }
+    close(c);
+  });
+  EXPECT_EQ(0, tool("instr TCPIP::127.0.0.1::5025::SOCKET query \"a b\";instr TCPIP::127.0.0.1::5025::SOCKET write x\\n;"
+                    "instr TCPIP::127.0.0.1::5025::SOCKET read",
+                    &out))
+      << out;
+  raw.join();
+  close(ls);
+  expectAll(out, {"\"echo:a b\\n\"  [VI_SUCCESS", "\"echo:x\\n\"  [VI_SUCCESS"});
 #ifdef KV_HAVE_VXI11SIM
   vxi11sim::Options o;
   o.portmap = vxi11sim::PortmapMode::Own;
