@@ -1,14 +1,15 @@
-# Installation and the Debian package.
+# Installation and the Debian package.  Under the prefix (<libdir> is
+# lib/<multiarch> under /usr, lib elsewhere):
 #
-#   lib/<multiarch>/libtcpvxi.so.1      the driver (SONAME libtcpvxi.so.1), and the
-#   lib/<multiarch>/libtcpvxi.so        link-time name for programs built against it
-#   lib/<multiarch>/visa/libtcpvxi.so   the plug-in name a host VISA library loads
-#   include/tcpvxi/                     public headers (tcpvxi.h includes them all)
-#   lib/<multiarch>/pkgconfig/tcpvxi.pc, lib/<multiarch>/cmake/tcpvxi/
-#   bin/                                tcpvxi-host, tcpvxi-bridge-sim, vxi11-instrument-sim
-#   share/tcpvxi/mainframes/            example mainframe descriptions for the simulator
-#   share/man/man1, man5                pages of the programs and of resmantcpvxi.out
-#   share/doc/tcpvxi/                   reference documents, copyright, changelog
+#   <libdir>/libtcpvxi.so.1          the driver (SONAME libtcpvxi.so.1)
+#   <libdir>/libtcpvxi.so            link-time name for programs built against it
+#   <libdir>/visa/libtcpvxi.so       the plug-in name a host VISA library loads
+#   include/tcpvxi/                  public headers (tcpvxi.h includes them all)
+#   <libdir>/pkgconfig/tcpvxi.pc, <libdir>/cmake/tcpvxi/
+#   bin/                             tcpvxi-host, tcpvxi-bridge-sim, vxi11-instrument-sim
+#   share/tcpvxi/mainframes/         example mainframe descriptions for the simulator
+#   share/man/man1, man5             pages of the programs and of resmantcpvxi.out
+#   share/doc/tcpvxi/                reference documents, copyright, changelog
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -49,6 +50,7 @@ install(FILES ${KV_PUBLIC_HEADERS} ${CMAKE_BINARY_DIR}/generated/tcpvxi_version.
 # Both locate the tree from their own position, so an installed tree may be
 # moved (or used under a DESTDIR) as it stands.
 file(RELATIVE_PATH KV_PC_TO_PREFIX ${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+string(REGEX REPLACE "/$" "" KV_PC_TO_PREFIX "${KV_PC_TO_PREFIX}")
 configure_file(${CMAKE_SOURCE_DIR}/cmake/tcpvxi.pc.in ${CMAKE_BINARY_DIR}/tcpvxi.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/tcpvxi.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
@@ -124,7 +126,9 @@ if(KV_HELP2MAN AND KV_GZIP AND NOT KV_SANITIZE AND NOT KV_FUZZ)
       COMMENT "man page of ${p}" VERBATIM)
     list(APPEND KV_MAN_PAGES ${KV_MAN_DIR}/${p}.1.gz)
   endforeach()
-  install(FILES ${KV_MAN_PAGES} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+  if(KV_MAN_PAGES)
+    install(FILES ${KV_MAN_PAGES} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+  endif()
 elseif(KV_PROGRAMS AND NOT KV_HELP2MAN)
   message(WARNING "help2man missing: the programs' manual pages are not built")
 endif()
