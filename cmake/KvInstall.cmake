@@ -104,7 +104,11 @@ set(kv_man_vxi11-instrument-sim "simulated VXI-11 instrument")
 if(KV_HELP2MAN AND KV_GZIP AND NOT KV_SANITIZE AND NOT KV_FUZZ)
   file(WRITE ${KV_MAN_DIR}/see-also.h2m "[SEE ALSO]\n.BR tcpvxi-host (1),\n.BR tcpvxi-bridge-sim (1),\n"
     ".BR vxi11-instrument-sim (1),\n.BR resmantcpvxi.out (5).\n"
-    "The reference documents are in\n.IR /usr/share/doc/tcpvxi .\n")
+    "The reference documents are in\n.IR ${CMAKE_INSTALL_FULL_DOCDIR} .\n")
+  # The simulator's page names the example mainframes.
+  file(WRITE ${KV_MAN_DIR}/tcpvxi-bridge-sim.h2m "[FILES]\n.TP\n.I ${CMAKE_INSTALL_FULL_DATADIR}/tcpvxi/mainframes/\n"
+    "Example mainframe descriptions for\n.BR \\-m :\n.I default.ini\nis the built-in mainframe written out.\n")
+  set(kv_h2m_tcpvxi-bridge-sim ${KV_MAN_DIR}/tcpvxi-bridge-sim.h2m)
   # tcpvxi-host's page also lists its commands, from its own --commands.
   if(TARGET tcpvxi-host)
     set(kv_h2m_tcpvxi-host ${KV_MAN_DIR}/tcpvxi-host.h2m)
