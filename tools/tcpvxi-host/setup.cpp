@@ -2,6 +2,7 @@
 // check (diagnosis without changing anything), config (the resource file),
 // the resource list and attributes, and the small system calls.
 #include <arpa/inet.h>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -264,8 +265,11 @@ bool doCheck(Session& s, Out& out) {
     out.line("  problem: %s", p.c_str());
     problems.push_back(jstr(p));
   };
-  out.line("library: %s (every entry point present)", s.drv.path.c_str());
-  out.field("library", jstr(s.drv.path));
+  // The file the loader really chose (the default is found by its SONAME).
+  Dl_info info{};
+  std::string lib = dladdr(reinterpret_cast<void*>(s.drv.start), &info) && info.dli_fname ? info.dli_fname : s.drv.path;
+  out.line("library: %s (every entry point present)", lib.c_str());
+  out.field("library", jstr(lib));
   if (!getenv("HOME")) problem("HOME is not set: the driver finds its resource file through it");
   ResFile f = readResFile();
   out.line("resource file: %s", f.path.c_str());
