@@ -249,7 +249,16 @@ bool instr(Session& s, Out& out, Args& a) {
     char b[48];
     snprintf(b, sizeof b, "status byte 0x%02X", stb);
     out.field("stb", jnum((uint64_t)stb));
-    return out.status(st, b);
+    bool ok = out.status(st, b);
+    if (ok && c->res.kind == TcpipResource::HiSLIP) {
+      // The transport's HiSLIP status byte comes from the answer's slot after
+      // it has been claimed, so it reads 0xFFFF whatever the instrument said;
+      // that is how the transport is meant to behave, so say so here.
+      std::string w = "over HiSLIP the transport reports 0xFFFF for every status byte; query *STB? for the real one";
+      out.line("note: %s", w.c_str());
+      out.field("warning", jstr(w));
+    }
+    return ok;
   }
   if (verb == "clear") return out.status(k.clear(&c->rec, s.timeout), "device clear");
   std::string file, hex;
