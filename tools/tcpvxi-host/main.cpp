@@ -48,6 +48,14 @@ int main(int argc, char** argv) {
   app.set_version_flag("-V,--version", std::string("tcpvxi-host ") + TCPVXI_VERSION);
   // Everything after the first word that is not an option is the command.
   app.prefix_command();
+  app.footer(
+      "A command may follow the options: tcpvxi-host [OPTIONS] COMMAND [ARGUMENTS...]\nExamples:\n"
+      "  tcpvxi-host check                                  what is wrong with the set-up\n"
+      "  tcpvxi-host config add 192.168.1.20 mainframe      add a bridge to the resource file\n"
+      "  tcpvxi-host --start list                           the instruments behind every bridge\n"
+      "  tcpvxi-host --start ws-query VXI0::16::INSTR '*IDN?'\n"
+      "  tcpvxi-host --json --start in16 0 a16 0xC000\n"
+      "  tcpvxi-host benchmark TCPIP::127.0.0.1::hislip0::INSTR count=1000");
   CLI11_PARSE(app, argc, argv);
   std::vector<std::string> words = app.remaining();
 
