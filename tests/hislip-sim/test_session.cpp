@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "instrument.h"
-#include "sim.h"
+#include "simhost.h"  // the simulated bridge as every driver and transport suite starts it
 #include "testkit.h"
 
 using kt::eventually;
@@ -14,20 +14,6 @@ using kt::newRecord;
 namespace {
 
 const std::string kIdn = std::string(bridgesim::kIdentity) + "\n";
-
-// One quiet simulated bridge on 127.0.0.2, HiSLIP on 4880.
-struct Sim {
-  std::unique_ptr<bridgesim::Server> server;
-  Sim() {
-    bridgesim::ServerOptions opt;
-    opt.address = "127.0.0.2";
-    opt.verbosity = 0;
-    opt.logSink = [](const std::string&) {};
-    server = std::make_unique<bridgesim::Server>(opt);
-    server->start();
-  }
-  bridgesim::Server* operator->() { return server.get(); }
-};
 
 int connectHislip(KvTcpInfo* r) { return kvtcp_hislip_Connect(r, "127.0.0.2", "inst0"); }
 
@@ -60,7 +46,7 @@ void onEvent(pKvTcpInfo r) {
 // A record may be freed as soon as it is closed: its receive thread has let
 // go of it by then (under ASan a late thread would be a use after free).
 TEST(SimSession, RecordFreedRightAfterClose) {
-  Sim sim;
+  auto sim = sh::startSim("127.0.0.2");
   for (int i = 0; i < 20; i++) {
     auto r = std::make_unique<KvTcpInfo>();
     ASSERT_EQ(0, connectHislip(r.get()));
@@ -69,7 +55,7 @@ TEST(SimSession, RecordFreedRightAfterClose) {
 }
 
 TEST(SimSession, SeveralClientsAtOnce) {
-  Sim sim;
+  auto sim = sh::startSim("127.0.0.2");
   constexpr int kClients = 4, kRounds = 25;
   std::atomic<int> good{0};
   std::vector<std::thread> th;
@@ -91,7 +77,7 @@ TEST(SimSession, SeveralClientsAtOnce) {
 }
 
 TEST(SimSession, BridgeCommandsBetweenQueriesAndAFloodOfEvents) {
-  Sim sim;
+  auto sim = sh::startSim("127.0.0.2");
   KvTcpInfo* r = newRecord();
   ASSERT_EQ(0, connectHislip(r));
   sim->clearReceived();
