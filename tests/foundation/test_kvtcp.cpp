@@ -549,44 +549,30 @@ TEST(RecvMin, ClosedPeerEndsWithConnectionLost) {
 // ENOBUFS is retried twice on receive, three times on send (after a pause
 // each time, the count starting afresh after progress); other errors end at
 // once with a lost connection.
-TEST(NoBufs, RecvMinRetriedTwice) {
-  struct Case { std::deque<int> errors; ViStatus status; int sleeps, calls; };
-  for (const Case& c : {Case{{ENOBUFS, ENOBUFS}, VI_SUCCESS, 2, 3},
-                        Case{{ENOBUFS, ENOBUFS, ENOBUFS}, VI_ERROR_CONN_LOST, 2, 3},
-                        Case{{ECONNRESET}, VI_ERROR_CONN_LOST, 0, 1}}) {
-    Seams seams;
-    Pair p;
-    send(p.b, "data", 4, 0);
-    Seams::recvErrors = c.errors;
-    char buf[8];
-    int n = 0;
-    EXPECT_EQ(recvMin(p.a, 1000, buf, sizeof buf, 4, &n), c.status);
-    if (c.status == VI_SUCCESS) {
-      EXPECT_EQ(n, 4);
-    }
-    EXPECT_EQ(Seams::sleeps, c.sleeps);
-    EXPECT_EQ(Seams::recvCalls, c.calls);
-  }
-}
-
-TEST(NoBufs, SendAllRetriedThreeTimes) {
+TEST(NoBufs, RecvRetriedTwiceSendThreeTimes) {
   const int E = ENOBUFS;
-  struct Case { std::deque<int> errors; size_t partial; ViStatus status; int sleeps, calls; };
-  for (const Case& c : {Case{{E, E, E}, 0, VI_SUCCESS, 3, 4}, Case{{E, E, E, E}, 0, VI_ERROR_CONN_LOST, 3, 4},
-                        Case{{E, E, E, 0, E, E, E}, 2, VI_SUCCESS, 6, 9},  // 2 + 2 + 1 bytes
-                        Case{{EPIPE}, 0, VI_ERROR_CONN_LOST, 0, 1}}) {
+  struct Case { bool send; std::deque<int> errors; size_t partial; ViStatus status; int sleeps, calls; };
+  for (const Case& c : {Case{false, {E, E}, 0, VI_SUCCESS, 2, 3}, Case{false, {E, E, E}, 0, VI_ERROR_CONN_LOST, 2, 3},
+                        Case{false, {ECONNRESET}, 0, VI_ERROR_CONN_LOST, 0, 1},
+                        Case{true, {E, E, E}, 0, VI_SUCCESS, 3, 4}, Case{true, {E, E, E, E}, 0, VI_ERROR_CONN_LOST, 3, 4},
+                        Case{true, {E, E, E, 0, E, E, E}, 2, VI_SUCCESS, 6, 9},  // 2 + 2 + 1 bytes
+                        Case{true, {EPIPE}, 0, VI_ERROR_CONN_LOST, 0, 1}}) {
+    SCOPED_TRACE(testing::Message() << (c.send ? "send" : "recv") << " " << c.errors.size());
     Seams seams;
     Pair p;
-    Seams::sendErrors = c.errors;
-    Seams::partialSend = c.partial;
-    int n = 0;
-    EXPECT_EQ(sendAll(p.a, "hello", 5, &n), c.status);
-    EXPECT_EQ(Seams::sleeps, c.sleeps);
-    EXPECT_EQ(Seams::sendCalls, c.calls);
     char buf[8];
+    int n = 0;
+    (c.send ? Seams::sendErrors : Seams::recvErrors) = c.errors;
+    Seams::partialSend = c.partial;
+    if (!c.send) send(p.b, "hello", 5, 0);
+    EXPECT_EQ(c.send ? sendAll(p.a, "hello", 5, &n) : recvMin(p.a, 1000, buf, sizeof buf, 5, &n), c.status);
+    EXPECT_EQ(Seams::sleeps, c.sleeps);
+    EXPECT_EQ(c.send ? Seams::sendCalls : Seams::recvCalls, c.calls);
     if (c.status == VI_SUCCESS) {
       EXPECT_EQ(n, 5);
-      EXPECT_EQ(recv(p.b, buf, sizeof buf, 0), 5);
+      if (c.send) {
+        EXPECT_EQ(recv(p.b, buf, sizeof buf, 0), 5);
+      }
     }
   }
 }

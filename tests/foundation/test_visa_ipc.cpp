@@ -199,11 +199,9 @@ TEST(SharedMemory, CreateAttachAcrossProcessesAndRemove) {
 }
 
 TEST(SharedMemory, SizeRoundsUpToWholeKiB) {
-  EXPECT_EQ(util_segment_size(463112), 463872u);
-  EXPECT_EQ(util_segment_size(0), 1024u);
-  EXPECT_EQ(util_segment_size(1016), 1024u);
-  EXPECT_EQ(util_segment_size(1017), 2048u);
-  EXPECT_EQ(util_segment_size(0x7FFFFFFF), 0x80000400u);  // no overflow
+  for (auto [user, want] : {std::pair{463112u, 463872u}, {0u, 1024u}, {1016u, 1024u}, {1017u, 2048u},
+                            {0x7FFFFFFFu, 0x80000400u} /* no overflow */})
+    EXPECT_EQ(util_segment_size(user), want) << user;
   Mapping m("/kvt_big", 463112);
   ASSERT_NE(m.h, nullptr);
   struct stat st;
