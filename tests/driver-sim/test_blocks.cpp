@@ -176,9 +176,7 @@ TEST_F(Blocks, FifoMovesDoNotIncrement) {
   uint16_t w16[3] = {0x0102, 0x0304, 0x0506}, r16[4] = {};
   ASSERT_EQ(0, vintfMoveOut16(0, kSwap, 1, 0, fifo, 3, w16));
   ASSERT_EQ(0, vintfMoveIn16(0, 0, 1, 0, fifo, 3, r16));
-  EXPECT_EQ(0x0201, r16[0]);
-  EXPECT_EQ(0x0403, r16[1]);
-  EXPECT_EQ(0x0605, r16[2]);
+  EXPECT_EQ((std::vector<uint16_t>{0x0201, 0x0403, 0x0605, 0}), std::vector<uint16_t>(r16, r16 + 4));
 }
 
 TEST_F(Blocks, MoveBetweenMemoryAndBusAndBusToBus) {
