@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -16,7 +15,7 @@
 #include <regex>
 #include <thread>
 
-#include "sim.h"
+#include "simhost.h"
 #include "testkit.h"
 #ifdef KV_HAVE_VXI11SIM
 #include "../../tools/vxi11-sim/sim.h"
@@ -106,13 +105,7 @@ int tool(const std::string& commands, std::string* out, std::string lib = kLib,
 
 const std::string kResman = "[COMMON]\nNumIntf=1\n[INTF1]\nINTF_NUM=1\nADDR=127.0.0.1\nDEVNAME=simulated mainframe\n";
 
-std::string resmanPath() { return std::string(getenv("HOME")) + "/.config/tarvelo/visa/resmantcpvxi.out"; }
-
-void writeResmanFile(const std::string& body) {
-  std::string dir = std::string(getenv("HOME"));  // isolated: a temporary one
-  for (const char* d : {"/.config", "/tarvelo", "/visa"}) mkdir((dir += d).c_str(), 0700);
-  std::ofstream(dir + "/resmantcpvxi.out") << body;
-}
+using sh::resmanPath;
 
 void expectAll(const std::string& out, const std::vector<std::string>& want) {
   for (auto& w : want) EXPECT_NE(std::string::npos, out.find(w)) << "missing: " << w << "\n" << out;
@@ -121,13 +114,8 @@ void expectAll(const std::string& out, const std::vector<std::string>& want) {
 class HostTool : public ::testing::Test {
  protected:
   void SetUp() override {
-    bridgesim::ServerOptions o;
-    o.address = "127.0.0.1";
-    o.verbosity = 0;
-    o.logSink = [](const std::string&) {};
-    sim_ = std::make_unique<bridgesim::Server>(o);
-    sim_->start();
-    writeResmanFile(kResman);
+    sim_ = sh::startSim("127.0.0.1");
+    sh::writeResmanText(kResman);
   }
   std::unique_ptr<bridgesim::Server> sim_;
 };
@@ -170,7 +158,7 @@ TEST_F(HostTool, DiagnosticsSayWhatIsWrong) {
   };
   for (auto& c : cases) {
     std::remove(resmanPath().c_str());
-    if (c.resman) writeResmanFile(c.resman);
+    if (c.resman) sh::writeResmanText(c.resman);
     std::string out;
     EXPECT_EQ(c.rc, tool(c.commands, &out)) << c.commands << "\n" << out;
     expectAll(out, c.want);
