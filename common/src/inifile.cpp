@@ -19,19 +19,55 @@
 // surrounding white space ignored), so a search always agrees with the
 // order the list was sorted in; equality is the same as that of
 // stricmpWithoutSurrWhiteSpace.
+//
+// Sorting and every look-up compare names many times over, so nothing is
+// trimmed or measured up front: the names are walked once, equal bytes are
+// taken without folding, and trailing white space is looked at only where
+// the two names first differ.  The result is that of comparing the two
+// trimmed names.
+// The C library's classification and case tables of the current locale,
+// read directly: the same answers as isspace and tolower without a call per
+// character.
+#ifdef __GLIBC__
+struct CharTables {
+  const unsigned short* cls = *__ctype_b_loc();
+  const int* lower = *__ctype_tolower_loc();
+  bool space(unsigned char c) const { return (cls[c] & (unsigned short)_ISspace) != 0; }
+  int fold(unsigned char c) const { return lower[c]; }
+};
+#else
+struct CharTables {
+  bool space(unsigned char c) const { return isspace(c) != 0; }
+  int fold(unsigned char c) const { return tolower(c); }
+};
+#endif
+
+static bool OnlySpaceFrom(const CharTables& t, const char* p) {
+  while (*p && t.space((unsigned char)*p)) ++p;
+  return *p == 0;
+}
+
 static int CompareTrimmedNoCase(const char* a, const char* b) {
   if (!a || !b) return a ? 1 : (b ? -1 : 0);
-  a = SkipWhiteSpace(a);
-  b = SkipWhiteSpace(b);
-  size_t la = strlen(a), lb = strlen(b);
-  while (la > 0 && isspace((unsigned char)a[la - 1])) --la;
-  while (lb > 0 && isspace((unsigned char)b[lb - 1])) --lb;
-  size_t n = la < lb ? la : lb;
-  for (size_t i = 0; i < n; ++i) {
-    int ca = tolower((unsigned char)a[i]), cb = tolower((unsigned char)b[i]);
-    if (ca != cb) return ca < cb ? -1 : 1;
+  CharTables t;
+  while (*a && t.space((unsigned char)*a)) ++a;
+  while (*b && t.space((unsigned char)*b)) ++b;
+  for (;; ++a, ++b) {
+    unsigned char x = (unsigned char)*a, y = (unsigned char)*b;
+    if (x == y) {
+      if (!x) return 0;
+      continue;
+    }
+    int ca = t.fold(x), cb = t.fold(y);
+    if (ca == cb) continue;
+    // First difference.  Up to here both names hold the same characters
+    // (white space folds to itself only), so a name whose rest is all
+    // white space ends here once trimmed: it is the shorter one, or both
+    // trimmed names are equal.
+    bool endA = OnlySpaceFrom(t, a), endB = OnlySpaceFrom(t, b);
+    if (endA || endB) return endA && endB ? 0 : (endA ? -1 : 1);
+    return ca < cb ? -1 : 1;
   }
-  return la < lb ? -1 : (la > lb ? 1 : 0);
 }
 
 static int SectionNameCompare(const void* a, const void* b) {

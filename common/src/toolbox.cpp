@@ -385,6 +385,11 @@ int stricmpWithoutSurrWhiteSpace(const char* s1, const char* s2) {
   s1 = SkipWhiteSpace(s1);
   s2 = SkipWhiteSpace(s2);
   while (*s1 && *s2) {
+    if (*s1 == *s2) {  // equal bytes are equal in any case; only differing ones are folded
+      ++s1;
+      ++s2;
+      continue;
+    }
     signed char c1 = (signed char)toupper((unsigned char)*s1);
     signed char c2 = (signed char)toupper((unsigned char)*s2);
     if (c1 != c2) return c1 < c2 ? -1 : 1;
