@@ -145,11 +145,23 @@ int kvtcp_CloseSocketFieldIfSame(SOCKET* s, dev_t dev, ino_t ino) {
   return 1;
 }
 
+void kvtcp_ShutdownSocketField(SOCKET* s) {
+  std::lock_guard<std::mutex> g(g_sockFieldMutex);
+  if (*s > 0) shutdown(*s, SHUT_RDWR);
+}
+
 void kvtcp_Disconnect(pKvTcpInfo intf) {
   if (!intf) return;
   WaitIntfLock(intf);
   KVTCP_LOG("%s", intf->TcpipAddr);
-  intf->Connected = 0;
+  __atomic_store_n(&intf->Connected, 0, __ATOMIC_RELAXED);
+  // A thread in an exchange on the synchronous channel is woken (its waits
+  // end at once on a shut-down socket) and then let go of the channel before
+  // its descriptor is closed, so that it is never closed under a user, nor
+  // reused by another connection while that thread still reads from it.
+  if (intf->tcpType == KVTCP_HISLIP) kvtcp_ShutdownSocketField(&intf->S_Core);
+  KvExchangeGuard x(intf);
+  x.reset();
   if (intf->tcpType == KVTCP_VXI11 && intf->S_Core && intf->lid != KVTCP_NO_LINK) {
     if (intf->S_Intr == 0) {
       // The interrupt thread may not have opened its channel yet.
@@ -306,7 +318,13 @@ int kvtcp_Write(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int count, ViUInt1
   switch (intf->tcpType) {
     case KVTCP_RAW: return kvtcp_raw_Write(intf, timeout, buf, count, flags, retcount);
     case KVTCP_VXI11: return kvtcp_vxi11_Write(intf, timeout, buf, count, flags, retcount);
-    case KVTCP_HISLIP: return kvtcp_hislip_Write(intf, timeout, buf, count, flags, retcount);
+    case KVTCP_HISLIP: {
+      // The bridge's own messages share the channel with bridge commands.
+      KvExchangeGuard x(intf);
+      int st = x.resync(intf);
+      if (st < 0) return st;
+      return kvtcp_hislip_Write(intf, timeout, buf, count, flags, retcount);
+    }
     default: return VI_ERROR_NSUP_OPER;
   }
 }
@@ -320,7 +338,12 @@ int kvtcp_Read(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int count, ViUInt16
   switch (intf->tcpType) {
     case KVTCP_RAW: return kvtcp_raw_Read(intf, timeout, buf, count, flags, eos, retcount);
     case KVTCP_VXI11: return kvtcp_vxi11_Read(intf, timeout, buf, count, flags, eos, retcount);
-    case KVTCP_HISLIP: return kvtcp_hislip_Read(intf, timeout, buf, count, flags, eos, retcount);
+    case KVTCP_HISLIP: {
+      KvExchangeGuard x(intf);
+      int st = x.resync(intf);
+      if (st < 0) return st;
+      return kvtcp_hislip_Read(intf, timeout, buf, count, flags, eos, retcount);
+    }
     default: return VI_ERROR_NSUP_OPER;
   }
 }
@@ -331,6 +354,13 @@ int kvtcp_Query(pKvTcpInfo intf, ViUInt32 timeout, char* outbuf, int outcount, c
   if (!retcount) retcount = &dummy;
   *retcount = 0;
   if (!usable(intf)) return VI_ERROR_CONN_LOST;
+  // The query and its answer are one exchange (for HiSLIP; the other kinds
+  // never take this lock elsewhere, so it costs them nothing).
+  KvExchangeGuard x(intf);
+  if (intf->tcpType == KVTCP_HISLIP) {
+    int rs = x.resync(intf);
+    if (rs < 0) return rs;
+  }
   int written = 0;
   int st = kvtcp_Write(intf, timeout, outbuf, outcount, 0x0203, &written);
   if (st < 0) return st;

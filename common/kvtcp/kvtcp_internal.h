@@ -48,6 +48,51 @@ void kvtcp_CloseSocketField(SOCKET* s);
 // be reused meanwhile).  Returns 1 when it closed the field.
 int kvtcp_CloseSocketFieldIfSame(SOCKET* s, dev_t dev, ino_t ino);
 
+// What the calling thread's last failed read on a HiSLIP synchronous channel
+// left on the wire: nothing known (kNone), the whole message that was being
+// waited for (kWhole: not a byte of it had come), `bytes` unread bytes of a
+// begun message (kBytes), or an unknown position (kLost: a header cut short
+// or broken).  Written by the HiSLIP read path, read by the exchange guard.
+struct KvSyncLeft {
+  enum { kNone, kWhole, kBytes, kLost };
+  int state = kNone;
+  uint32_t bytes = 0;
+};
+extern thread_local KvSyncLeft kvtcp_syncLeft;
+
+// The in-process exchange lock of one connection, with its resynchronisation
+// state, kept beside the record (whose layout is fixed) and keyed by it.
+// Every use of a HiSLIP synchronous channel holds it, so a command and its
+// answer are never split by another thread's traffic; it nests on one thread.
+struct KvExchange;
+class KvExchangeGuard {
+ public:
+  explicit KvExchangeGuard(pKvTcpInfo intf);
+  ~KvExchangeGuard();
+  KvExchangeGuard(const KvExchangeGuard&) = delete;
+  KvExchangeGuard& operator=(const KvExchangeGuard&) = delete;
+  // True for the thread's outermost guard of this connection.
+  bool outermost() const;
+  // Before an exchange: drops what earlier exchanges left unread (answers
+  // that came too late, the rest of a longer answer).  0, or
+  // VI_ERROR_CONN_LOST after giving the session up (then disconnected).
+  int resync(pKvTcpInfo intf);
+  // After an exchange whose command went out: notes what its status leaves
+  // unread on the channel.
+  void ended(pKvTcpInfo intf, int status);
+  // The command itself did not go out whole: the channel's position is lost.
+  void sendFailed();
+  // A new session (or none): nothing owed.
+  void reset();
+
+ private:
+  KvExchange* x_;
+};
+
+// Shuts *s down (if open) without closing it, so that a thread blocked on it
+// wakes up; the descriptor stays valid until it is closed.
+void kvtcp_ShutdownSocketField(SOCKET* s);
+
 // Receive threads (HiSLIP asynchronous channel, VXI-11 interrupt channel)
 // register while they run, so the driver can make sure none of them still
 // runs in the library when the host stops it and unloads the library.
