@@ -200,14 +200,15 @@ const uint32_t kWsChunk = 256;
 
 // The floor of a Word Serial write: the same 256-byte write commands, END
 // with the last; a "not ready" answer is asked again, as the driver does.
-extern "C" __attribute__((noinline)) int floorWsWrite(floorc::Client* c, int la, const char* p, size_t n) {
+extern "C" __attribute__((noinline)) int floorWsWrite(floorc::Client* c, int la, const char* p, size_t n,
+                                                      bool designWay = false) {
   size_t done = 0;
   while (done < n) {
     uint32_t k = (uint32_t)std::min<size_t>(kWsChunk, n - done);
     bool last = done + k == n;
     uint32_t head[3] = {13u | (uint32_t)la << 8 | (last ? 0x02000000u : 0u), 1, k};
     uint32_t ans[2];
-    if (c->exchange(head, 12, p + done, k, ans, 8) != 8) return -1;
+    if (c->exchange(head, 12, p + done, k, ans, 8, nullptr, designWay) != 8) return -1;
     if ((int32_t)ans[0] == (int32_t)0xBFFF0015) continue;
     if ((int32_t)ans[0] < 0 || ans[1] == 0 || ans[1] > k) return -1;
     done += ans[1];
@@ -216,13 +217,14 @@ extern "C" __attribute__((noinline)) int floorWsWrite(floorc::Client* c, int la,
 }
 
 // The floor of a Word Serial read up to END: 256-byte read commands.
-extern "C" __attribute__((noinline)) long floorWsRead(floorc::Client* c, int la, char* p, size_t cap) {
+extern "C" __attribute__((noinline)) long floorWsRead(floorc::Client* c, int la, char* p, size_t cap,
+                                                      bool designWay = false) {
   size_t got = 0;
   uint8_t ans[8 + kWsChunk];
   while (got < cap) {
     uint32_t want = (uint32_t)std::min<size_t>(kWsChunk, cap - got);
     uint32_t head[3] = {12u | (uint32_t)la << 8 | 0x02000000u, 1, want};
-    long len = c->exchange(head, 12, nullptr, 0, ans, sizeof ans);
+    long len = c->exchange(head, 12, nullptr, 0, ans, sizeof ans, nullptr, designWay);
     if (len < 8) return -1;
     int32_t st;
     uint32_t k;
@@ -256,7 +258,7 @@ int runWs(const Options& o) {
   std::vector<char> in(cap);
   const int reps = o.quick ? 1 : 3, idnReps = o.quick ? 50 : 300;
   for (int r = 0; r < o.rounds; r++) {
-    std::vector<double> dw, fw, dr, fr, di, fi;
+    std::vector<double> dw, fw, fwd, dr, fr, frd, di, fi;
     for (int k = 0; k < reps; k++) {
       ViInt32 ret = 0;
       double t0 = nowNs();
@@ -264,8 +266,11 @@ int runWs(const Options& o) {
       double t1 = nowNs();
       if (floorWsWrite(&fl, kLaSwitch, blank.data(), blank.size()) != 0) return fail("floor WS write failed");
       double t2 = nowNs();
+      if (floorWsWrite(&fl, kLaSwitch, blank.data(), blank.size(), true) != 0) return fail("floor WS write failed");
+      double t2d = nowNs();
       dw.push_back(t1 - t0);
       fw.push_back(t2 - t1);
+      fwd.push_back(t2d - t2);
 
       if (vintfWSwrt(0, idx, 2000, many.data(), (ViInt32)many.size(), 2, &ret) < 0) return fail("WS write failed");
       double t3 = nowNs();
@@ -278,8 +283,13 @@ int runWs(const Options& o) {
       double t5 = nowNs();
       if (floorWsRead(&fl, kLaSwitch, in.data(), cap) < 65536) return fail("floor WS read failed");
       double t6 = nowNs();
+      if (floorWsWrite(&fl, kLaSwitch, many.data(), many.size()) != 0) return fail("floor WS write failed");
+      double t7 = nowNs();
+      if (floorWsRead(&fl, kLaSwitch, in.data(), cap, true) < 65536) return fail("floor WS read failed");
+      double t8 = nowNs();
       dr.push_back((t4 - t3) * 65536.0 / (double)ret);
       fr.push_back((t6 - t5) * 65536.0 / (double)ret);
+      frd.push_back((t8 - t7) * 65536.0 / (double)ret);
     }
     for (int k = 0; k < idnReps; k++) {
       char q[] = "*IDN?\n";
@@ -298,8 +308,10 @@ int runWs(const Options& o) {
     emit("ws", r,
          {{"driver_write", median(dw)},
           {"floor_write", median(fw)},
+          {"floor_write_design", median(fwd)},
           {"driver_read", median(dr)},
           {"floor_read", median(fr)},
+          {"floor_read_design", median(frd)},
           {"driver_idn", median(di)},
           {"floor_idn", median(fi)}});
   }

@@ -56,7 +56,7 @@ inline bool sendv(int fd, iovec* v, int n) {
 inline bool recvAll(int fd, void* p, size_t n) {
   char* c = (char*)p;
   while (n) {
-    ssize_t r = recv(fd, c, n, MSG_WAITALL);
+    ssize_t r = recv(fd, c, n, 0);
     if (r <= 0) return false;
     c += r;
     n -= (size_t)r;
