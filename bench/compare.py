@@ -77,6 +77,30 @@ def callgrind(build, exe, args, functions, pinned=True, env=None):
     return counts
 
 
+def split_by_object(build, exe, args, fn, n):
+    """Instructions per call of fn spent in the program's own code and in the
+    C library (system-call wrappers, semaphores, mutexes), counting only what
+    runs inside fn."""
+    with tempfile.NamedTemporaryFile(prefix="kvbench-cg.", delete=False) as f:
+        out = f.name
+    try:
+        cmd = ["taskset", "-c", "0", "sh", ISOLATE, "valgrind", "--tool=callgrind", "--toggle-collect=" + fn,
+               "--callgrind-out-file=" + out, os.path.join(build, "bench", exe), *args]
+        subprocess.run(cmd, capture_output=True, text=True)
+        ann = subprocess.run(["callgrind_annotate", "--threshold=100", out], capture_output=True, text=True).stdout
+    finally:
+        if os.path.exists(out):
+            os.unlink(out)
+    own = lib = 0
+    for m in re.finditer(r"^\s*([\d,]+) \([^)]*\)\s+(\S+?):.*\[(\S+)\]\s*$", ann, re.M):
+        c = int(m.group(1).replace(",", ""))
+        if "libc.so" in m.group(3) or "libstdc++" in m.group(3):
+            lib += c
+        else:
+            own += c
+    return own / n, lib / n
+
+
 def per(counts, fn, n):
     c = counts.get(fn)
     return None if c is None else c / n
@@ -118,6 +142,8 @@ def main():
                             "GetResmanText", "kvtcp_hislip_Connect"],
                            env=dict(os.environ, BENCH_OPEN_WRAP="1"))
     res["callgrind"] = cg
+    own, lib = split_by_object(build, "paths/bench_paths", ["count", "reg", str(nreg)], "vintfIn16", nreg)
+    res["callgrind_split"] = {"own": own, "libc": lib}
 
     P, U = res["pinned"], res["unpinned"]
     table = []
@@ -168,7 +194,7 @@ def main():
     ini = sum(op.get(k) or 0 for k in ("Ini_ReadGeneric", "drvReadInstruments", "Ini_Dispose"))
     add("first vintfOpenDevice, 32 bridges x 64 instruments / floor", ratio(P["open"], "open", "driver", "floor"),
         ratio(U["open"], "open", "driver", "floor"),
-        "%s (INI reader %s)" % (num(op.get("vintfOpenDevice")), num(ini)), "<= 1.3; < 60 M instr")
+        "%s (INI reading and look-ups %s)" % (num(op.get("vintfOpenDevice")), num(ini)), "<= 1.3; < 60 M instr")
     add("4 processes doing vintfIn16 through one bridge / floor with a blocking semaphore", None,
         ratio(U["multi"], "multi", "driver", "floor"), "", "(kept: spinning mutex)")
     if "vxi11" in P:
@@ -189,6 +215,8 @@ def main():
             statistics.median(r["driver"] for r in reg_abs) / 1000,
             statistics.median(r["floor_design"] for r in reg_abs) / 1000,
             statistics.median(r["floor"] for r in reg_abs) / 1000))
+    print("instructions per vintfIn16: %s in the library's own code, %s in the C library "
+          "(system-call wrappers, semaphore, mutex)" % (num(own), num(lib)))
     opn = rows(P["open"], "open")
     if opn:
         print("first open, pinned: driver %.1f ms, floor %.1f ms" % (
