@@ -76,6 +76,7 @@ ViStatus vintfIrqAddLA(ViUInt16 intfIdx, ViUInt16 LA) { return VI_SUCCESS; }
 ViStatus vintfIrqDelLA(ViUInt16 intfIdx, ViUInt16 LA) { return VI_SUCCESS; }
 
 ViStatus vintfTestIRQ(ViUInt16 intfIdx, ViUInt16 STATID) {
+  DRV_CALL(VI_ERROR_SYSTEM_ERROR);
   drvLock(TCPVXI_LOCK_TMO);
   if (drvIntfRefused(intfIdx)) {
     drvUnlock();

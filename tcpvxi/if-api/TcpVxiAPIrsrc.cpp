@@ -170,6 +170,7 @@ static char* resmanPath(void) {
 }
 
 ViStatus vintfFillResources(ViBoolean firstInit) {
+  DRV_CALL(VI_ERROR_SYSTEM_ERROR);
   ViStatus status = VI_SUCCESS;
   VINTF_LOG("first=%d, firstcall=%d\n", (int)firstInit, FillRsrcCalled);
   kvtcp_setCallback(tcpEventHandler);
@@ -272,6 +273,7 @@ ViStatus vintfFillResources(ViBoolean firstInit) {
 // ----------------------------------------------------------- attributes
 
 ViStatus vintfGetNumRsrc(ViUInt16 intfIdx, ViUInt32* retNRsrc) {
+  DRV_CALL(VI_ERROR_SYSTEM_ERROR);
   drvLock(TCPVXI_LOCK_TMO);
   if (drvIntfRefused(intfIdx)) {
     if (retNRsrc) *retNRsrc = 0;
@@ -297,6 +299,7 @@ static void copyField(void* dst, const char* field, size_t size) {
 }
 
 ViStatus vintfGetRsrcAttr(ViUInt16 intfIdx, ViUInt32 NInstr, ViAttr attrName, void* attrValue) {
+  DRV_CALL(VI_ERROR_SYSTEM_ERROR);
   drvLock(TCPVXI_LOCK_TMO);
   ViStatus st = VI_SUCCESS;
   if (!attrValue) {
@@ -359,6 +362,7 @@ ViStatus vintfGetRsrcAttr(ViUInt16 intfIdx, ViUInt32 NInstr, ViAttr attrName, vo
 }
 
 ViStatus vintfSetRsrcAttr(ViUInt16 intfIdx, ViUInt32 NInstr, ViAttr attrName, ViAttrState attrValue) {
+  DRV_CALL(VI_ERROR_SYSTEM_ERROR);
   switch (attrName) {
     case VI_ATTR_CMDR_LA:
     case VI_ATTR_VXI_DEV_CLASS:
