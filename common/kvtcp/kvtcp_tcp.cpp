@@ -56,10 +56,8 @@ int CheckForRecv(SOCKET s, ViUInt32 tmo) {
   int r = poll(&p, 1, tmo > (ViUInt32)INT_MAX ? INT_MAX : (int)tmo);
   if (r == 1 && (p.revents & POLLNVAL)) r = -1;  // select would fail with EBADF
   if (r == 1) {
-    if (global_var) {
-      global_var = 0;
-      logSocketFlags(__func__, s, r);
-    }
+    // Cleared by exactly one thread, so the line is written once.
+    if (kvLoad(global_var) && __atomic_exchange_n(&global_var, 0, __ATOMIC_RELAXED)) logSocketFlags(__func__, s, r);
     return 1;
   }
   int saved = errno;

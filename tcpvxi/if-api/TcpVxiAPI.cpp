@@ -145,7 +145,7 @@ void tcpvxi_stop(void) {
   FillRsrcCalled = 0;
   fInit = 0;
   defRM = 0;
-  userCallback = nullptr;
+  kvStore(userCallback, nullptr);
   kvtcp_setCallback(nullptr);
   g_stopping.store(false);
 }
@@ -264,8 +264,8 @@ ViStatus vintfOpenDevice(ViUInt16* retNTCPVXI) {
     INTFINFO* intf = &Interfaces[i];
     SHAREDINTFINFO* g = &tcpvxiGD->Intf[i];
     intf->GIntf = g;
-    if (!intf->kvtcp.Connected) drvConnectAndLock(intf, g->Addr);
-    if (!intf->kvtcp.Connected) {
+    if (!kvLoad(intf->kvtcp.Connected)) drvConnectAndLock(intf, g->Addr);
+    if (!kvLoad(intf->kvtcp.Connected)) {
       VINTF_LOG("intf%d (%s) not connected\n", i, g->Addr);
       // Nothing behind an unreachable bridge is offered to the host.
       g->NInstr = 0;
@@ -290,7 +290,7 @@ ViStatus vintfTryReopenDevice(int intfIdx) {
   INTFINFO* intf = &Interfaces[intfIdx];
   const char* addr = drvShared(intfIdx)->Addr;
   ViStatus result;
-  if (intf->kvtcp.Connected) {
+  if (kvLoad(intf->kvtcp.Connected)) {
     // The host saw the connection fail while the record still holds the
     // session: start afresh and retry for up to 2 s.  The two failure exits
     // keep the driver mutex held on purpose, so no call of any process
@@ -311,11 +311,11 @@ ViStatus vintfTryReopenDevice(int intfIdx) {
       }
       // A transport that reported success without a session must not keep
       // this loop going for ever: the same 2 s apply.
-      if (!intf->kvtcp.Connected && util_timer_ms() - t0 > 2000) {
+      if (!kvLoad(intf->kvtcp.Connected) && util_timer_ms() - t0 > 2000) {
         VINTF_LOG("CONN_LOST\n");
         return VI_ERROR_CONN_LOST;
       }
-    } while (!intf->kvtcp.Connected);
+    } while (!kvLoad(intf->kvtcp.Connected));
     VINTF_LOG("OK\n");
     result = st;
   } else {

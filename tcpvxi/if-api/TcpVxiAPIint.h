@@ -4,6 +4,7 @@
 
 #include "TcpVxiAPIStd.h"
 #include "inifile.h"
+#include "kvtcp_internal.h"
 
 // An exported call in progress.  tcpvxi_stop unmaps the shared block and
 // closes the driver mutex only once no call of this process is inside, and a

@@ -181,7 +181,7 @@ ViStatus vintfFillResources(ViBoolean firstInit) {
   // would forget are closed first, so no socket or receive thread is left
   // behind on a record that is about to be wiped.
   for (int i = 0; i < TCPVXI_MAX_INTF; i++)
-    if (Interfaces[i].kvtcp.Connected) kvtcp_Close(&Interfaces[i].kvtcp);
+    if (kvLoad(Interfaces[i].kvtcp.Connected)) kvtcp_Close(&Interfaces[i].kvtcp);
   memset(tcpvxiGD, 0, sizeof *tcpvxiGD);
   memset((void*)Interfaces, 0, sizeof Interfaces);
   for (int i = 0; i < TCPVXI_MAX_INTF; i++) {
@@ -246,8 +246,8 @@ ViStatus vintfFillResources(ViBoolean firstInit) {
       doc = nullptr;
       INTFINFO* intf = &Interfaces[i];
       SHAREDINTFINFO* g = &tcpvxiGD->Intf[i];
-      VINTF_LOG("intf%d (%s) connected=%d\n", i, g->Addr, intf->kvtcp.Connected);
-      if (intf->kvtcp.Connected) {
+      VINTF_LOG("intf%d (%s) connected=%d\n", i, g->Addr, kvLoad(intf->kvtcp.Connected));
+      if (kvLoad(intf->kvtcp.Connected)) {
         unsigned char* text = (unsigned char*)calloc(1, RESMAN_TEXT_MAX + 1);
         if (text) {
           sLineTextInput src;
@@ -281,7 +281,7 @@ ViStatus vintfGetNumRsrc(ViUInt16 intfIdx, ViUInt32* retNRsrc) {
     return VI_ERROR_SYSTEM_ERROR;
   }
   ViUInt32 n = 0;
-  if (Interfaces[intfIdx].kvtcp.Connected) {
+  if (kvLoad(Interfaces[intfIdx].kvtcp.Connected)) {
     ViInt32 k = drvShared(intfIdx)->NInstr;
     n = k < 0 ? 0 : k > TCPVXI_MAX_INSTR ? TCPVXI_MAX_INSTR : (ViUInt32)k;
   }
