@@ -46,8 +46,11 @@ std::unordered_map<const KvTcpInfo*, KvExchange*>& table() {
 
 KvExchange* exchangeOf(const KvTcpInfo* intf) {
   std::lock_guard<std::mutex> g(g_tableMutex);
-  KvExchange*& x = table()[intf];
-  if (!x) x = new KvExchange;
+  auto& t = table();
+  auto it = t.find(intf);
+  if (it != t.end()) return it->second;
+  KvExchange* x = new KvExchange;
+  t.insert(std::make_pair(intf, x));
   return x;
 }
 
