@@ -78,7 +78,7 @@ void kvtcp_UnLock(pKvTcpInfo intf) {
     ReleaseIntfLock(intf);
 }
 
-void kvtcp_setCallback(kvtcpEventHandler cb) { user_callback = cb; }
+void kvtcp_setCallback(kvtcpEventHandler cb) { kvStore(user_callback, cb); }
 
 // ------------------------------------------------- receive threads
 
@@ -123,8 +123,8 @@ void kvtcp_CloseSocketField(SOCKET* s) {
   int fd;
   {
     std::lock_guard<std::mutex> g(g_sockFieldMutex);
-    fd = *s;
-    *s = 0;
+    fd = kvLoad(*s);
+    kvStore(*s, 0);
   }
   if (fd > 0) {
     // shutdown first: it wakes a receive thread blocked on this socket.
@@ -133,13 +133,20 @@ void kvtcp_CloseSocketField(SOCKET* s) {
   }
 }
 
+int kvtcp_SocketFieldIs(SOCKET* s, dev_t dev, ino_t ino) {
+  std::lock_guard<std::mutex> g(g_sockFieldMutex);
+  int fd = kvLoad(*s);
+  struct stat st;
+  return fd > 0 && fstat(fd, &st) == 0 && st.st_dev == dev && st.st_ino == ino;
+}
+
 int kvtcp_CloseSocketFieldIfSame(SOCKET* s, dev_t dev, ino_t ino) {
   std::lock_guard<std::mutex> g(g_sockFieldMutex);
-  int fd = *s;
+  int fd = kvLoad(*s);
   if (fd <= 0) return 0;
   struct stat st;
   if (fstat(fd, &st) != 0 || st.st_dev != dev || st.st_ino != ino) return 0;
-  *s = 0;
+  kvStore(*s, 0);
   shutdown(fd, SHUT_RDWR);
   close(fd);
   return 1;
@@ -147,7 +154,8 @@ int kvtcp_CloseSocketFieldIfSame(SOCKET* s, dev_t dev, ino_t ino) {
 
 void kvtcp_ShutdownSocketField(SOCKET* s) {
   std::lock_guard<std::mutex> g(g_sockFieldMutex);
-  if (*s > 0) shutdown(*s, SHUT_RDWR);
+  int fd = kvLoad(*s);
+  if (fd > 0) shutdown(fd, SHUT_RDWR);
 }
 
 void kvtcp_Disconnect(pKvTcpInfo intf) {
@@ -179,15 +187,15 @@ void kvtcp_Disconnect(pKvTcpInfo intf) {
       ReleaseCoreLock(intf);
     }
   }
-  if (intf->S_Intr) {
+  if (kvLoad(intf->S_Intr)) {
     KVTCP_LOG("close intr socket");
     kvtcp_CloseSocketField(&intf->S_Intr);
   }
-  if (intf->S_Abort) {
+  if (kvLoad(intf->S_Abort)) {
     KVTCP_LOG("close abort socket");
     kvtcp_CloseSocketField(&intf->S_Abort);
   }
-  if (intf->S_Core) {
+  if (kvLoad(intf->S_Core)) {
     KVTCP_LOG("close core socket");
     kvtcp_CloseSocketField(&intf->S_Core);
   }
@@ -196,7 +204,7 @@ void kvtcp_Disconnect(pKvTcpInfo intf) {
 
 void kvtcp_Close(pKvTcpInfo intf) {
   if (!intf) return;
-  if (intf->Connected) kvtcp_Disconnect(intf);
+  if (kvLoad(intf->Connected)) kvtcp_Disconnect(intf);
   // A closed record may be freed by its owner at once: give a receive thread
   // that is still leaving (its socket was just shut down) a moment to let go
   // of the record.  Never from that thread itself, e.g. a host callback.
@@ -287,7 +295,7 @@ void kvtcp_toIpAddress(const char* address, char* ipaddr, char* hostname) {
 }
 
 static int setOneByteOption(pKvTcpInfo intf, int on, int* stored, int level, int opt) {
-  if (!intf || !intf->Connected || !intf->S_Core) return VI_ERROR_CONN_LOST;
+  if (!intf || !kvLoad(intf->Connected) || !intf->S_Core) return VI_ERROR_CONN_LOST;
   if (intf->tcpType != KVTCP_RAW) return VI_SUCCESS;
   on = on ? 1 : 0;
   if (on == *stored) return VI_SUCCESS;
@@ -308,7 +316,7 @@ int kvtcp_sock_setKeepAlive(pKvTcpInfo intf, int on) {
 
 // ------------------------------------------------------ dispatch
 
-static bool usable(pKvTcpInfo intf) { return intf && intf->Connected && intf->S_Core; }
+static bool usable(pKvTcpInfo intf) { return intf && kvLoad(intf->Connected) && intf->S_Core; }
 
 int kvtcp_Write(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int count, ViUInt16 flags, int* retcount) {
   int dummy;

@@ -60,8 +60,11 @@ KvExchange* exchangeOf(const KvTcpInfo* intf) {
   thread_local KvExchange* lastValue = nullptr;
   if (intf == lastKey && lastValue) return lastValue;
   std::lock_guard<std::mutex> g(g_tableMutex);
-  KvExchange*& x = table()[intf];
-  if (!x) x = new KvExchange;
+  // find and insert rather than operator[], whose piecewise construction
+  // would leave a standard-library symbol among the library's exports.
+  auto& t = table();
+  auto it = t.find(intf);
+  KvExchange* x = it != t.end() ? it->second : t.insert(std::make_pair(intf, new KvExchange)).first->second;
   lastKey = intf;
   lastValue = x;
   return x;

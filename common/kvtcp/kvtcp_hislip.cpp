@@ -64,9 +64,9 @@ void storeAsync(pKvTcpInfo intf, const sHiSPLIP_Header& h) {
   for (int i = 0; i < KVTCP_ASYNC_SLOTS; i++) {
     if (slotType(intf, i) != 0) continue;
     volatile sHiSPLIP_Header* s = &intf->hislipAsyncIn[i];
-    s->param = h.param;
-    s->dataLenHigh = h.dataLenHigh;
-    s->dataLen = h.dataLen;
+    __atomic_store_n(&s->param, h.param, __ATOMIC_RELAXED);
+    __atomic_store_n(&s->dataLenHigh, h.dataLenHigh, __ATOMIC_RELAXED);
+    __atomic_store_n(&s->dataLen, h.dataLen, __ATOMIC_RELAXED);
     uint32_t w;
     memcpy(&w, &h, 4);
     __atomic_store_n(slotWord(intf, i), w, __ATOMIC_RELEASE);
@@ -129,11 +129,7 @@ bool takeChannel(pKvTcpInfo intf, AsyncStart* st) {
 }
 
 // True while the record's S_Intr still is the channel this thread serves.
-bool sameChannel(const AsyncStart& st) {
-  int s = __atomic_load_n(&st.intf->S_Intr, __ATOMIC_ACQUIRE);
-  struct stat sb;
-  return s > 0 && fstat(s, &sb) == 0 && sb.st_dev == st.dev && sb.st_ino == st.ino;
-}
+bool sameChannel(const AsyncStart& st) { return kvtcp_SocketFieldIs(&st.intf->S_Intr, st.dev, st.ino); }
 
 // Exactly n bytes: n, 0 when the channel closed first, -1 on an error.
 ssize_t recvAll(int fd, void* buf, size_t n) {
@@ -180,11 +176,11 @@ void asyncLoop(const AsyncStart& st) {
           KVTCP_LOG("error recv AsyncChan");
           goto leave;
         }
-        intf->hislipMaximumMessageSize = v[0] == 0 ? myntohl(v[1]) : kDefaultMaxMessageSize;
+        kvStore(intf->hislipMaximumMessageSize, v[0] == 0 ? myntohl(v[1]) : kDefaultMaxMessageSize);
         continue;
       }
       case HISLIP_AsyncServiceRequest: {
-        kvtcpEventHandler cb = user_callback;
+        kvtcpEventHandler cb = kvLoad(user_callback);
         if (cb) {
           intf->hislipAsyncInMsg = HISLIP_AsyncServiceRequest;
           cb(intf);
@@ -220,7 +216,7 @@ void asyncLoop(const AsyncStart& st) {
           }
           if (r == 0) goto leave;
         }
-        kvtcpEventHandler cb = user_callback;
+        kvtcpEventHandler cb = kvLoad(user_callback);
         if (cb) {
           intf->hislipAsyncInMsg = HISLIP_VendorSpecific;
           cb(intf);
@@ -404,7 +400,7 @@ void* hislipAsyncRecvThread(void* intf) {
 
 int kvtcp_hislip_Connect(pKvTcpInfo intf, const char* TcpipAddr, const char* subaddr) {
   if (!intf) return VI_ERROR_RSRC_NFOUND;
-  if (intf->Connected) return VI_SUCCESS;
+  if (kvLoad(intf->Connected)) return VI_SUCCESS;
   if (!TcpipAddr) TcpipAddr = "";
 
   intf->lid = KVTCP_NO_LINK;
@@ -415,8 +411,8 @@ int kvtcp_hislip_Connect(pKvTcpInfo intf, const char* TcpipAddr, const char* sub
   intf->hislipSessionID = 0;
   intf->hislipModeOverlap = 1;
   intf->hislipOutMesageID = (int)kFirstMessageId;
-  intf->hislipMaximumMessageSize = kDefaultMaxMessageSize;
-  intf->hislipWaitAsyncStatus = 0;
+  kvStore(intf->hislipMaximumMessageSize, kDefaultMaxMessageSize);
+  kvStore(intf->hislipWaitAsyncStatus, 0);
   // A new session has no message in progress and no answers waiting.
   memset(&intf->hislipInHdr, 0, sizeof intf->hislipInHdr);
   for (int i = 0; i < KVTCP_ASYNC_SLOTS; i++) __atomic_store_n(slotWord(intf, i), 0u, __ATOMIC_RELEASE);
@@ -428,7 +424,7 @@ int kvtcp_hislip_Connect(pKvTcpInfo intf, const char* TcpipAddr, const char* sub
   KvExchangeGuard x(intf);
   x.reset();
   bool locked = WaitIntfLock(intf) == VI_SUCCESS;
-  if (locked && intf->Connected) {
+  if (locked && kvLoad(intf->Connected)) {
     ReleaseIntfLock(intf);
     return VI_SUCCESS;
   }
@@ -441,10 +437,13 @@ int kvtcp_hislip_Connect(pKvTcpInfo intf, const char* TcpipAddr, const char* sub
     intf->Addr.sin_port = myhtons(HISLIP_PORT);
     // Dotted addresses only; never the broadcast address inet_addr gives a name.
     if (intf->Addr.sin_addr.s_addr == INADDR_NONE) return false;
-    intf->S_Core = socket(AF_INET, SOCK_STREAM, 0);
-    if (intf->S_Core == 0xFFFF) intf->S_Core = 0;  // the designed test; -1 fails in the connect
-    intf->S_Intr = socket(AF_INET, SOCK_STREAM, 0);
-    if (intf->S_Intr == 0xFFFF) intf->S_Intr = 0;
+    // Stored whole: a receive thread of an earlier session may still look.
+    int core = socket(AF_INET, SOCK_STREAM, 0);
+    if (core == 0xFFFF) core = 0;  // the designed test; -1 fails in the connect
+    kvStore(intf->S_Core, core);
+    int async = socket(AF_INET, SOCK_STREAM, 0);
+    if (async == 0xFFFF) async = 0;
+    kvStore(intf->S_Intr, async);
     if (intf->S_Core == 0 || intf->S_Intr == 0) return false;
     if (ConnectTmo(intf->S_Core, &intf->Addr) < 0) return false;
     if (ConnectTmo(intf->S_Intr, &intf->Addr) < 0) return false;
@@ -501,7 +500,7 @@ int kvtcp_hislip_Connect(pKvTcpInfo intf, const char* TcpipAddr, const char* sub
     pthread_attr_destroy(&attr);
     if (rc != 0) {
       kvtcp_ThreadLeave(intf);
-      intf->Connected = 0;
+      kvStore(intf->Connected, 0);
       close(st->fd);
       free(st);
       return false;
@@ -513,8 +512,8 @@ int kvtcp_hislip_Connect(pKvTcpInfo intf, const char* TcpipAddr, const char* sub
   if (!setUp()) {
     ReleaseIntfLock(intf);
     KVTCP_LOG("ErroR Connect TCP Interface");
-    if (intf->S_Core < 0) intf->S_Core = 0;  // a failed socket() left -1
-    if (intf->S_Intr < 0) intf->S_Intr = 0;
+    if (kvLoad(intf->S_Core) < 0) kvStore(intf->S_Core, 0);  // a failed socket() left -1
+    if (kvLoad(intf->S_Intr) < 0) kvStore(intf->S_Intr, 0);
     kvtcp_Disconnect(intf);
     return VI_ERROR_RSRC_NFOUND;
   }

@@ -7,6 +7,19 @@
 
 #include "kvtcp.h"
 
+// Fields that threads share without a lock (Connected, the socket fields a
+// receive thread closes, the callback pointers, the size fields) are read
+// and written whole, as relaxed atomics: no torn value and no data race,
+// with no ordering beyond that asked of them.
+template <class T>
+inline T kvLoad(const T& v) {
+  return __atomic_load_n(&v, __ATOMIC_RELAXED);
+}
+template <class T, class U>
+inline void kvStore(T& v, U x) {
+  __atomic_store_n(&v, (T)x, __ATOMIC_RELAXED);
+}
+
 // Set while the first successful CheckForRecv should log the socket flags.
 extern int global_var;
 // The one event callback of the process (null: no event delivery).
@@ -47,6 +60,10 @@ void kvtcp_CloseSocketField(SOCKET* s);
 // caller knows (a receive thread holds a dup of it, so the identity cannot
 // be reused meanwhile).  Returns 1 when it closed the field.
 int kvtcp_CloseSocketFieldIfSame(SOCKET* s, dev_t dev, ino_t ino);
+// 1 while *s still refers to that socket object.  Looked at under the same
+// lock as the closers, so the descriptor cannot be closed (and reused)
+// while it is looked at.
+int kvtcp_SocketFieldIs(SOCKET* s, dev_t dev, ino_t ino);
 
 // What the calling thread's last failed read on a HiSLIP synchronous channel
 // left on the wire: nothing known (kNone), the whole message that was being

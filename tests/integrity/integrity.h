@@ -23,12 +23,9 @@ class PatternHost : public SimHost {
     const int mem = need(kLaMemory);
     base = attr64(0, mem, VI_ATTR_MEM_BASE_64);
     space = attr16(0, mem, VI_ATTR_MEM_SPACE);
-    std::vector<uint8_t> bytes(kPatternBytes);
-    for (uint32_t off = 0; off < kPatternBytes; off += 4) {
-      uint32_t be = __builtin_bswap32(patternAt(off));
-      memcpy(&bytes[off], &be, 4);
-    }
-    ASSERT_TRUE(mainframe().deviceAt(kLaMemory)->memory()->write(0, bytes.data(), bytes.size()));
+    std::vector<ViUInt32> words(kPatternBytes / 4);
+    for (uint32_t k = 0; k < words.size(); k++) words[k] = patternAt(4 * k);
+    ASSERT_EQ(0, vintfMoveOut32(0, 0, space, 1, base, words.size(), words.data()));
   }
 
   // One register read of the pattern: true when status and value are right.
