@@ -249,8 +249,7 @@ ViStatus vintfFillResources(ViBoolean firstInit) {
       doc = nullptr;
       INTFINFO* intf = &Interfaces[i];
       SHAREDINTFINFO* g = &tcpvxiGD->Intf[i];
-      VINTF_LOG("intf%d (%s) connected=%d
-", i, g->Addr, kvLoad(intf->kvtcp.Connected));
+      VINTF_LOG("intf%d (%s) connected=%d\n", i, g->Addr, kvLoad(intf->kvtcp.Connected));
       if (kvLoad(intf->kvtcp.Connected)) {
         // GetResmanText terminates what it stores: no zero-fill needed.
         unsigned char* text = (unsigned char*)malloc(RESMAN_TEXT_MAX + 1);
