@@ -45,12 +45,23 @@ std::unordered_map<const KvTcpInfo*, KvExchange*>& table() {
 }
 
 KvExchange* exchangeOf(const KvTcpInfo* intf) {
+  // Entries are never removed, so the thread's last look-up stays valid:
+  // the nested guards of one exchange cost no lock of the table.
+  static thread_local const KvTcpInfo* lastKey = nullptr;
+  static thread_local KvExchange* lastX = nullptr;
+  if (intf == lastKey) return lastX;
   std::lock_guard<std::mutex> g(g_tableMutex);
   auto& t = table();
   auto it = t.find(intf);
-  if (it != t.end()) return it->second;
-  KvExchange* x = new KvExchange;
-  t.insert(std::make_pair(intf, x));
+  KvExchange* x;
+  if (it != t.end()) {
+    x = it->second;
+  } else {
+    x = new KvExchange;
+    t.insert(std::make_pair(intf, x));
+  }
+  lastKey = intf;
+  lastX = x;
   return x;
 }
 
