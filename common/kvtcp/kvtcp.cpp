@@ -133,6 +133,11 @@ void kvtcp_CloseSocketField(SOCKET* s) {
   }
 }
 
+void kvtcp_OpenSocketField(SOCKET* s) {
+  std::lock_guard<std::mutex> g(g_sockFieldMutex);
+  kvStore(*s, socket(AF_INET, SOCK_STREAM, 0));
+}
+
 int kvtcp_SocketFieldIs(SOCKET* s, dev_t dev, ino_t ino) {
   std::lock_guard<std::mutex> g(g_sockFieldMutex);
   int fd = kvLoad(*s);
@@ -295,7 +300,7 @@ void kvtcp_toIpAddress(const char* address, char* ipaddr, char* hostname) {
 }
 
 static int setOneByteOption(pKvTcpInfo intf, int on, int* stored, int level, int opt) {
-  if (!intf || !kvLoad(intf->Connected) || !intf->S_Core) return VI_ERROR_CONN_LOST;
+  if (!intf || !kvLoad(intf->Connected) || !kvLoad(intf->S_Core)) return VI_ERROR_CONN_LOST;
   if (intf->tcpType != KVTCP_RAW) return VI_SUCCESS;
   on = on ? 1 : 0;
   if (on == *stored) return VI_SUCCESS;
@@ -316,7 +321,7 @@ int kvtcp_sock_setKeepAlive(pKvTcpInfo intf, int on) {
 
 // ------------------------------------------------------ dispatch
 
-static bool usable(pKvTcpInfo intf) { return intf && kvLoad(intf->Connected) && intf->S_Core; }
+static bool usable(pKvTcpInfo intf) { return intf && kvLoad(intf->Connected) && kvLoad(intf->S_Core); }
 
 int kvtcp_Write(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int count, ViUInt16 flags, int* retcount) {
   int dummy;

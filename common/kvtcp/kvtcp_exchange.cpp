@@ -53,20 +53,23 @@ std::unordered_map<const KvTcpInfo*, KvExchange*>& table() {
 }
 
 KvExchange* exchangeOf(const KvTcpInfo* intf) {
-  // Entries are never removed or replaced, so a thread may remember the
-  // last one it looked up: the common case (one connection used over and
-  // over) then needs neither the table's mutex nor a hash.
-  thread_local const KvTcpInfo* lastKey = nullptr;
-  thread_local KvExchange* lastValue = nullptr;
-  if (intf == lastKey && lastValue) return lastValue;
+  // Entries are never removed, so the thread's last look-up stays valid:
+  // the nested guards of one exchange cost no lock of the table.
+  static thread_local const KvTcpInfo* lastKey = nullptr;
+  static thread_local KvExchange* lastX = nullptr;
+  if (intf == lastKey) return lastX;
   std::lock_guard<std::mutex> g(g_tableMutex);
-  // find and insert rather than operator[], whose piecewise construction
-  // would leave a standard-library symbol among the library's exports.
   auto& t = table();
   auto it = t.find(intf);
-  KvExchange* x = it != t.end() ? it->second : t.insert(std::make_pair(intf, new KvExchange)).first->second;
+  KvExchange* x;
+  if (it != t.end()) {
+    x = it->second;
+  } else {
+    x = new KvExchange;
+    t.insert(std::make_pair(intf, x));
+  }
   lastKey = intf;
-  lastValue = x;
+  lastX = x;
   return x;
 }
 

@@ -437,13 +437,12 @@ int kvtcp_hislip_Connect(pKvTcpInfo intf, const char* TcpipAddr, const char* sub
     intf->Addr.sin_port = myhtons(HISLIP_PORT);
     // Dotted addresses only; never the broadcast address inet_addr gives a name.
     if (intf->Addr.sin_addr.s_addr == INADDR_NONE) return false;
-    // Stored whole: a receive thread of an earlier session may still look.
-    int core = socket(AF_INET, SOCK_STREAM, 0);
-    if (core == 0xFFFF) core = 0;  // the designed test; -1 fails in the connect
-    kvStore(intf->S_Core, core);
-    int async = socket(AF_INET, SOCK_STREAM, 0);
-    if (async == 0xFFFF) async = 0;
-    kvStore(intf->S_Intr, async);
+    // Made under the closers' lock: a receive thread of an earlier session
+    // may still look at the descriptor number it had.
+    kvtcp_OpenSocketField(&intf->S_Core);
+    if (kvLoad(intf->S_Core) == 0xFFFF) kvStore(intf->S_Core, 0);  // the designed test; -1 fails in the connect
+    kvtcp_OpenSocketField(&intf->S_Intr);
+    if (kvLoad(intf->S_Intr) == 0xFFFF) kvStore(intf->S_Intr, 0);
     if (intf->S_Core == 0 || intf->S_Intr == 0) return false;
     if (ConnectTmo(intf->S_Core, &intf->Addr) < 0) return false;
     if (ConnectTmo(intf->S_Intr, &intf->Addr) < 0) return false;
@@ -532,7 +531,7 @@ int kvhislipWriteParts(pKvTcpInfo intf, const char* head, int headLen, const cha
   int dummy;
   if (!retcount) retcount = &dummy;
   *retcount = 0;
-  if (!intf || !isConnected(intf) || !intf->S_Core) return VI_ERROR_CONN_LOST;
+  if (!intf || !isConnected(intf) || !kvLoad(intf->S_Core)) return VI_ERROR_CONN_LOST;
   if (intf->tcpType != KVTCP_HISLIP) return VI_ERROR_NSUP_OPER;
   KvExchangeGuard x(intf);
   int rs = x.resync(intf);
@@ -568,7 +567,7 @@ int kvtcp_kvhislip_QueryParts(pKvTcpInfo intf, ViUInt32 timeout, const char* hea
                               int dataLen, char* inbuf, int incount, int* retcount) {
   int dummy;
   if (!retcount) retcount = &dummy;
-  if (!intf || !isConnected(intf) || !intf->S_Core) return VI_ERROR_CONN_LOST;
+  if (!intf || !isConnected(intf) || !kvLoad(intf->S_Core)) return VI_ERROR_CONN_LOST;
   *retcount = 0;
   // The command and its answer form one exchange: no other thread of this
   // process sends or reads on the channel in between.

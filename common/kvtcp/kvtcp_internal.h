@@ -53,6 +53,10 @@ int kvtcp_RecordCoreFailure(pKvTcpInfo intf, int status);
 // Before a core call: drain a half-read reply left by an earlier failure.
 void kvtcp_PrepareCore(pKvTcpInfo intf);
 
+// A new TCP socket into *s (-1 on failure), made under the lock of the
+// closers below, so that a receive thread looking at the number it had sees
+// either its old socket or none, never one being made.
+void kvtcp_OpenSocketField(SOCKET* s);
 // Closes *s (if open) and sets it to 0, atomically with respect to the other
 // closers of the same field, so one descriptor is never closed twice.
 void kvtcp_CloseSocketField(SOCKET* s);
