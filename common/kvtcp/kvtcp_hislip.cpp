@@ -526,16 +526,9 @@ int kvtcp_hislip_Connect(pKvTcpInfo intf, const char* TcpipAddr, const char* sub
 namespace {
 
 // A bridge command (head, then data) as one vendor-specific message.
-int kvhislipWriteParts(pKvTcpInfo intf, const char* head, int headLen, const char* data, int dataLen,
-                       ViUInt16 flags, int* retcount) {
-  int dummy;
-  if (!retcount) retcount = &dummy;
-  *retcount = 0;
-  if (!intf || !isConnected(intf) || !kvLoad(intf->S_Core)) return VI_ERROR_CONN_LOST;
-  if (intf->tcpType != KVTCP_HISLIP) return VI_ERROR_NSUP_OPER;
-  KvExchangeGuard x(intf);
-  int rs = x.resync(intf);
-  if (rs < 0) return rs;
+// The command out, on a channel whose exchange guard x the caller holds.
+int sendCommand(pKvTcpInfo intf, const char* head, int headLen, const char* data, int dataLen, ViUInt16 flags,
+                KvExchangeGuard& x) {
   sHiSPLIP_Header h;
   memset(&h, 0, sizeof h);  // the parameter of a vendor-specific message is sent as 0
   h.msg = HISLIP_VendorSpecific;
@@ -546,6 +539,23 @@ int kvhislipWriteParts(pKvTcpInfo intf, const char* head, int headLen, const cha
   int st = hislip_SendParts(intf->S_Core, &h, head, headLen, data, dataLen, &x);
   if (st < 0) x.sendFailed();
   if (st < 0 || !(flags & KVTCP_FLAG_KEEP)) ReleaseIntfLock(intf);
+  return st;
+}
+
+bool usableHislip(pKvTcpInfo intf) { return intf && isConnected(intf) && kvLoad(intf->S_Core); }
+
+// A bridge command (head, then data) as one vendor-specific message.
+int kvhislipWriteParts(pKvTcpInfo intf, const char* head, int headLen, const char* data, int dataLen,
+                       ViUInt16 flags, int* retcount) {
+  int dummy;
+  if (!retcount) retcount = &dummy;
+  *retcount = 0;
+  if (!usableHislip(intf)) return VI_ERROR_CONN_LOST;
+  if (intf->tcpType != KVTCP_HISLIP) return VI_ERROR_NSUP_OPER;
+  KvExchangeGuard x(intf);
+  int rs = x.resync(intf);
+  if (rs < 0) return rs;
+  int st = sendCommand(intf, head, headLen, data, dataLen, flags, x);
   if (st >= 0) *retcount = (head ? headLen : 0) + (data && dataLen > 0 ? dataLen : 0);
   return st;
 }
@@ -571,14 +581,18 @@ int kvtcp_kvhislip_QueryParts(pKvTcpInfo intf, ViUInt32 timeout, const char* hea
   *retcount = 0;
   // The command and its answer form one exchange: no other thread of this
   // process sends or reads on the channel in between.
+  // Under this one guard the write and the read go straight to their
+  // workers, with the checks kvtcp_kvhislip_Write and kvtcp_Read make.
   KvExchangeGuard x(intf);
   int st = x.resync(intf);
   if (st < 0) return st;
-  int written = 0;
-  st = kvhislipWriteParts(intf, head, headLen, data, dataLen, KVTCP_FLAG_KEEP, &written);
+  if (!usableHislip(intf)) return VI_ERROR_CONN_LOST;
+  if (intf->tcpType != KVTCP_HISLIP) return VI_ERROR_NSUP_OPER;
+  st = sendCommand(intf, head, headLen, data, dataLen, KVTCP_FLAG_KEEP, x);
   if (st >= 0) {
     kvtcp_syncLeft = KvSyncLeft();
-    st = kvtcp_Read(intf, timeout, inbuf, incount, KVTCP_FLAG_LOCKED, 0, retcount);
+    st = usableHislip(intf) ? kvtcp_hislip_Read(intf, timeout, inbuf, incount, KVTCP_FLAG_LOCKED, 0, retcount)
+                            : VI_ERROR_CONN_LOST;
     x.ended(intf, st);
   }
   return st;
