@@ -38,6 +38,7 @@ check "^ +395183 +1 +tcp +$core( |\$)" rpcinfo -p 127.0.0.1
 check "^ +395184 +1 +tcp +$abort( |\$)" rpcinfo -p 127.0.0.1
 check "program 395183 version 1 ready and waiting" rpcinfo -t 127.0.0.1 395183 1
 check "program 100000 version 2 ready and waiting" rpcinfo -u 127.0.0.1 100000 2
+check "^vxi11-instrument-sim [0-9]+\\.[0-9]+" "$sim" --version
 check "^KVSIM,VXI11-INSTRUMENT,0,1.0\$" lxi scpi -a 127.0.0.1 "*IDN?"
 check "^hello there\$" lxi scpi -a 127.0.0.1 "ECHO? hello there"
 exit $fail
