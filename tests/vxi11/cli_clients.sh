@@ -25,14 +25,27 @@ check() {  # check EXPECTED-REGEX COMMAND...
   got=$(timeout 20 "$@" 2>&1)
   rc=$?
   if [ $rc -ne 0 ] || ! printf '%s\n' "$got" | grep -Eq "$want"; then
-    echo "FAIL: $* (exit $rc), wanted /$want/, got:"
+    echo "FAIL: $* (exit $rc), wanted /$want/, got:" | head -1
     printf '%s\n' "$got"
     fail=1
   else
-    echo "ok: $*"
+    echo "ok: $*" | head -1
   fi
 }
 
+# No client here sends SET or UNSET to a remote portmapper: a raw datagram
+# does, and the answer must be an accepted call saying FALSE.
+setunset='
+import socket, struct
+s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+s.settimeout(5)
+for proc, name in ((1, "SET"), (2, "UNSET")):
+    s.sendto(struct.pack(">14I", 7, 0, 2, 100000, 2, proc, 0, 0, 0, 0, 395183, 1, 6, 999), ("127.0.0.1", 111))
+    w = struct.unpack(">7I", s.recv(100)[:28])
+    print(name, "declined" if w[0] == 7 and w[5] == 0 and w[6] == 0 else "answered %r" % (w,))
+'
+check "^SET declined" /usr/bin/python3 -c "$setunset"
+check "^UNSET declined" /usr/bin/python3 -c "$setunset"
 check "^ +100000 +2 +tcp +111 " rpcinfo -p 127.0.0.1
 check "^ +395183 +1 +tcp +$core( |\$)" rpcinfo -p 127.0.0.1
 check "^ +395184 +1 +tcp +$abort( |\$)" rpcinfo -p 127.0.0.1
