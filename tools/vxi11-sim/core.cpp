@@ -14,12 +14,12 @@ constexpr uint32_t kMaxReadWaitMs = 3600u * 1000u;
 }  // namespace
 
 void Simulator::Impl::sendReply(int fd, const Call& c, uint32_t stat, const std::string& result, const Faults& f) {
-  // Faults name procedures by number; 0 means "none", so the NULL procedure
-  // is never hit by them.
+  // Faults name procedures by number and 0 means "none", so the NULL
+  // procedure is hit only by a fault meant for every procedure.
   uint32_t xid = c.xid;
-  bool hit = c.prog == DEVICE_CORE && c.proc != 0;
-  if (hit && (f.wrongXidProc == -1 || f.wrongXidProc == (int)c.proc)) xid += 1;
-  if (hit && f.lateProc == (int)c.proc && f.lateMs) pause(f.lateMs);
+  bool named = c.prog == DEVICE_CORE && c.proc != 0;
+  if (c.prog == DEVICE_CORE && (f.wrongXidProc == -1 || (named && f.wrongXidProc == (int)c.proc))) xid += 1;
+  if (named && f.lateProc == (int)c.proc && f.lateMs) pause(f.lateMs);
   sendRecord(fd, replyHead(xid, stat) + result);
 }
 
