@@ -64,9 +64,9 @@ void storeAsync(pKvTcpInfo intf, const sHiSPLIP_Header& h) {
   for (int i = 0; i < KVTCP_ASYNC_SLOTS; i++) {
     if (slotType(intf, i) != 0) continue;
     volatile sHiSPLIP_Header* s = &intf->hislipAsyncIn[i];
-    s->param = h.param;
-    s->dataLenHigh = h.dataLenHigh;
-    s->dataLen = h.dataLen;
+    __atomic_store_n(&s->param, h.param, __ATOMIC_RELAXED);
+    __atomic_store_n(&s->dataLenHigh, h.dataLenHigh, __ATOMIC_RELAXED);
+    __atomic_store_n(&s->dataLen, h.dataLen, __ATOMIC_RELAXED);
     uint32_t w;
     memcpy(&w, &h, 4);
     __atomic_store_n(slotWord(intf, i), w, __ATOMIC_RELEASE);
@@ -129,11 +129,7 @@ bool takeChannel(pKvTcpInfo intf, AsyncStart* st) {
 }
 
 // True while the record's S_Intr still is the channel this thread serves.
-bool sameChannel(const AsyncStart& st) {
-  int s = __atomic_load_n(&st.intf->S_Intr, __ATOMIC_ACQUIRE);
-  struct stat sb;
-  return s > 0 && fstat(s, &sb) == 0 && sb.st_dev == st.dev && sb.st_ino == st.ino;
-}
+bool sameChannel(const AsyncStart& st) { return kvtcp_SocketFieldIs(&st.intf->S_Intr, st.dev, st.ino); }
 
 // Exactly n bytes: n, 0 when the channel closed first, -1 on an error.
 ssize_t recvAll(int fd, void* buf, size_t n) {
@@ -180,11 +176,11 @@ void asyncLoop(const AsyncStart& st) {
           KVTCP_LOG("error recv AsyncChan");
           goto leave;
         }
-        intf->hislipMaximumMessageSize = v[0] == 0 ? myntohl(v[1]) : kDefaultMaxMessageSize;
+        kvStore(intf->hislipMaximumMessageSize, v[0] == 0 ? myntohl(v[1]) : kDefaultMaxMessageSize);
         continue;
       }
       case HISLIP_AsyncServiceRequest: {
-        kvtcpEventHandler cb = user_callback;
+        kvtcpEventHandler cb = kvLoad(user_callback);
         if (cb) {
           intf->hislipAsyncInMsg = HISLIP_AsyncServiceRequest;
           cb(intf);
@@ -220,7 +216,7 @@ void asyncLoop(const AsyncStart& st) {
           }
           if (r == 0) goto leave;
         }
-        kvtcpEventHandler cb = user_callback;
+        kvtcpEventHandler cb = kvLoad(user_callback);
         if (cb) {
           intf->hislipAsyncInMsg = HISLIP_VendorSpecific;
           cb(intf);
@@ -268,27 +264,71 @@ int sendAsync(pKvTcpInfo intf, unsigned char msg, uint32_t param) {
 // Vendor-specific payloads are rounded up to 32 bits; the up to three extra
 // bytes come from behind the caller's payload, which must have that slack.
 int hislip_SendBuf(SOCKET s, sHiSPLIP_Header* hdr, int len, const void* data) {
+  return hislip_SendParts(s, hdr, nullptr, 0, data, len, nullptr);
+}
+
+// Header and payload go out with one send: the header is joined to (the
+// first part of) the payload with one copy.  Up to kJoinOnStack bytes (every
+// register command and Word Serial chunk) are joined on the stack, so that
+// no exchange allocates; a block write is not copied at all.
+int hislip_SendParts(SOCKET s, sHiSPLIP_Header* hdr, const void* head, int headLen, const void* data, int dataLen,
+                     KvExchangeGuard* x) {
+  constexpr int kJoinOnStack = 1024;
   hdr->Prologue[0] = 'H';
   hdr->Prologue[1] = 'S';
   hdr->dataLenHigh = 0;
   // A header must never announce bytes that are not sent.
-  if (len < 0 || !data) len = 0;
+  if (headLen < 0 || !head) headLen = 0;
+  if (dataLen < 0 || !data) dataLen = 0;
+  int len = headLen + dataLen;
   if (hdr->msg == HISLIP_VendorSpecific) len = (int)(((unsigned)len + 3u) & ~3u);
   hdr->dataLen = myhtonl((uint32_t)len);
   int n = 0;
   if (len == 0) return sendAll(s, (const char*)hdr, sizeof *hdr, &n);
 
+  char onStack[sizeof(sHiSPLIP_Header) + kJoinOnStack];
+  if (head && headLen <= kJoinOnStack && len > kJoinOnStack) {
+    // A command record with a long block of data (a block write): header
+    // and record, then the caller's data straight from its memory, then the
+    // rounding bytes as zeros.  The kernel joins the parts (MSG_MORE).
+    static const char zeros[4] = {0, 0, 0, 0};
+    int pad = len - headLen - dataLen;
+    memcpy(onStack, hdr, sizeof *hdr);
+    memcpy(onStack + sizeof *hdr, head, (size_t)headLen);
+    int st = sendAllMore(s, onStack, (int)sizeof *hdr + headLen, &n);
+    if (st >= 0) st = pad ? sendAllMore(s, (const char*)data, dataLen, &n) : sendAll(s, (const char*)data, dataLen, &n);
+    if (st >= 0 && pad) st = sendAll(s, zeros, pad, &n);
+    if (st < 0) KVTCP_LOG("send s%X error %X wsa %d\n", s, (unsigned)st, errno);
+    return st;
+  }
   int first = len < kFirstSendMax ? len : kFirstSendMax;
-  char* joined = (char*)malloc(sizeof *hdr + (size_t)first);
-  if (!joined) return VI_ERROR_ALLOC;
+  size_t joinedLen = sizeof *hdr + (size_t)first;
+  char* owned = nullptr;
+  char* joined = onStack;
+  if (first > kJoinOnStack) {
+    joined = x ? x->buffer(joinedLen) : (owned = (char*)malloc(joinedLen));
+    if (!joined) return VI_ERROR_ALLOC;
+  }
   memcpy(joined, hdr, sizeof *hdr);
-  memcpy(joined + sizeof *hdr, data, (size_t)first);
-  int st = sendAll(s, joined, (int)sizeof *hdr + first, &n);
+  char* p = joined + sizeof *hdr;
+  if (headLen) memcpy(p, head, (size_t)headLen);
+  // The rest of the first send: data, then (only for a payload this short)
+  // the rounding bytes.  These come from behind the caller's data when a
+  // single part is sent, as the caller's slack allows; after a head they
+  // are zeros.
+  int fromData = first - headLen;
+  if (head && fromData > dataLen) {
+    if (dataLen) memcpy(p + headLen, data, (size_t)dataLen);
+    memset(p + headLen + dataLen, 0, (size_t)(fromData - dataLen));
+  } else if (fromData > 0) {
+    memcpy(p + headLen, data, (size_t)fromData);
+  }
+  int st = sendAll(s, joined, (int)joinedLen, &n);
   if (st < 0)
     KVTCP_LOG("send s%X error %X wsa %d\n", s, (unsigned)st, errno);
   else if (len > first)
-    st = sendAll(s, (const char*)data + first, len - first, &n);
-  free(joined);
+    st = sendAll(s, (const char*)data + (first - headLen), len - first, &n);
+  free(owned);
   return st;
 }
 
@@ -303,11 +343,14 @@ int hislip_Query(SOCKET s, ViUInt32 tmo, sHiSPLIP_Header* outHdr, int len, const
   int n = 0;
   int st = recvMin(s, tmo, (char*)inHdr, sizeof *inHdr, sizeof *inHdr, &n);
   if (st < 0) {
+    // Not a byte of the header yet: the whole message may still come.
+    kvtcp_syncLeft.state = n == 0 ? KvSyncLeft::kWhole : KvSyncLeft::kLost;
     KVTCP_LOG("recv s%X error %X wsa %d\n", s, (unsigned)st, errno);
     return st;
   }
   if (n != (int)sizeof *inHdr || inHdr->Prologue[0] != 'H' || inHdr->Prologue[1] != 'S' ||
       inHdr->dataLenHigh != 0) {
+    kvtcp_syncLeft.state = KvSyncLeft::kLost;
     uint32_t w[3];
     memcpy(w, inHdr, sizeof w);
     KVTCP_LOG("Wrong Header, get %08X%08X%08X\n", myntohl(w[0]), myntohl(w[1]), myntohl(w[2]));
@@ -318,6 +361,7 @@ int hislip_Query(SOCKET s, ViUInt32 tmo, sHiSPLIP_Header* outHdr, int len, const
 
   uint32_t elen = inHdr->dataLen;
   if (elen > 255) {
+    kvtcp_syncLeft = {KvSyncLeft::kBytes, elen};
     KVTCP_LOG("Wrong errLen, get Error %d/%d, msg len %d\n", inHdr->msg, inHdr->code, (int)elen);
     return VI_ERROR_CONN_LOST;
   }
@@ -332,6 +376,7 @@ int hislip_Query(SOCKET s, ViUInt32 tmo, sHiSPLIP_Header* outHdr, int len, const
     st = VI_ERROR_TMO;
   }
   if (st < 0) {
+    kvtcp_syncLeft = {KvSyncLeft::kBytes, elen - (uint32_t)n};
     KVTCP_LOG("recv s%X error %X wsa %d\n", s, (unsigned)st, errno);
     return st;
   }
@@ -355,7 +400,7 @@ void* hislipAsyncRecvThread(void* intf) {
 
 int kvtcp_hislip_Connect(pKvTcpInfo intf, const char* TcpipAddr, const char* subaddr) {
   if (!intf) return VI_ERROR_RSRC_NFOUND;
-  if (intf->Connected) return VI_SUCCESS;
+  if (kvLoad(intf->Connected)) return VI_SUCCESS;
   if (!TcpipAddr) TcpipAddr = "";
 
   intf->lid = KVTCP_NO_LINK;
@@ -366,16 +411,20 @@ int kvtcp_hislip_Connect(pKvTcpInfo intf, const char* TcpipAddr, const char* sub
   intf->hislipSessionID = 0;
   intf->hislipModeOverlap = 1;
   intf->hislipOutMesageID = (int)kFirstMessageId;
-  intf->hislipMaximumMessageSize = kDefaultMaxMessageSize;
-  intf->hislipWaitAsyncStatus = 0;
+  kvStore(intf->hislipMaximumMessageSize, kDefaultMaxMessageSize);
+  kvStore(intf->hislipWaitAsyncStatus, 0);
   // A new session has no message in progress and no answers waiting.
   memset(&intf->hislipInHdr, 0, sizeof intf->hislipInHdr);
   for (int i = 0; i < KVTCP_ASYNC_SLOTS; i++) __atomic_store_n(slotWord(intf, i), 0u, __ATOMIC_RELEASE);
   KVTCP_LOG("%s:HISLIP", intf->TcpipAddr);
 
   if (!intf->hIntfMutex) open_mutex_intf(intf, TcpipAddr);
+  // No exchange of another thread may run on a channel being set up, and a
+  // new session owes nothing.
+  KvExchangeGuard x(intf);
+  x.reset();
   bool locked = WaitIntfLock(intf) == VI_SUCCESS;
-  if (locked && intf->Connected) {
+  if (locked && kvLoad(intf->Connected)) {
     ReleaseIntfLock(intf);
     return VI_SUCCESS;
   }
@@ -388,10 +437,12 @@ int kvtcp_hislip_Connect(pKvTcpInfo intf, const char* TcpipAddr, const char* sub
     intf->Addr.sin_port = myhtons(HISLIP_PORT);
     // Dotted addresses only; never the broadcast address inet_addr gives a name.
     if (intf->Addr.sin_addr.s_addr == INADDR_NONE) return false;
-    intf->S_Core = socket(AF_INET, SOCK_STREAM, 0);
-    if (intf->S_Core == 0xFFFF) intf->S_Core = 0;  // the designed test; -1 fails in the connect
-    intf->S_Intr = socket(AF_INET, SOCK_STREAM, 0);
-    if (intf->S_Intr == 0xFFFF) intf->S_Intr = 0;
+    // Made under the closers' lock: a receive thread of an earlier session
+    // may still look at the descriptor number it had.
+    kvtcp_OpenSocketField(&intf->S_Core);
+    if (kvLoad(intf->S_Core) == 0xFFFF) kvStore(intf->S_Core, 0);  // the designed test; -1 fails in the connect
+    kvtcp_OpenSocketField(&intf->S_Intr);
+    if (kvLoad(intf->S_Intr) == 0xFFFF) kvStore(intf->S_Intr, 0);
     if (intf->S_Core == 0 || intf->S_Intr == 0) return false;
     if (ConnectTmo(intf->S_Core, &intf->Addr) < 0) return false;
     if (ConnectTmo(intf->S_Intr, &intf->Addr) < 0) return false;
@@ -448,7 +499,7 @@ int kvtcp_hislip_Connect(pKvTcpInfo intf, const char* TcpipAddr, const char* sub
     pthread_attr_destroy(&attr);
     if (rc != 0) {
       kvtcp_ThreadLeave(intf);
-      intf->Connected = 0;
+      kvStore(intf->Connected, 0);
       close(st->fd);
       free(st);
       return false;
@@ -460,8 +511,8 @@ int kvtcp_hislip_Connect(pKvTcpInfo intf, const char* TcpipAddr, const char* sub
   if (!setUp()) {
     ReleaseIntfLock(intf);
     KVTCP_LOG("ErroR Connect TCP Interface");
-    if (intf->S_Core < 0) intf->S_Core = 0;  // a failed socket() left -1
-    if (intf->S_Intr < 0) intf->S_Intr = 0;
+    if (kvLoad(intf->S_Core) < 0) kvStore(intf->S_Core, 0);  // a failed socket() left -1
+    if (kvLoad(intf->S_Intr) < 0) kvStore(intf->S_Intr, 0);
     kvtcp_Disconnect(intf);
     return VI_ERROR_RSRC_NFOUND;
   }
@@ -472,12 +523,12 @@ int kvtcp_hislip_Connect(pKvTcpInfo intf, const char* TcpipAddr, const char* sub
 
 // ----------------------------------------------------- bridge exchange
 
-int kvtcp_kvhislip_Write(pKvTcpInfo intf, const char* buf, int count, ViUInt16 flags, int* retcount) {
-  int dummy;
-  if (!retcount) retcount = &dummy;
-  *retcount = 0;
-  if (!intf || !intf->Connected || !intf->S_Core) return VI_ERROR_CONN_LOST;
-  if (intf->tcpType != KVTCP_HISLIP) return VI_ERROR_NSUP_OPER;
+namespace {
+
+// A bridge command (head, then data) as one vendor-specific message.
+// The command out, on a channel whose exchange guard x the caller holds.
+int sendCommand(pKvTcpInfo intf, const char* head, int headLen, const char* data, int dataLen, ViUInt16 flags,
+                KvExchangeGuard& x) {
   sHiSPLIP_Header h;
   memset(&h, 0, sizeof h);  // the parameter of a vendor-specific message is sent as 0
   h.msg = HISLIP_VendorSpecific;
@@ -485,21 +536,65 @@ int kvtcp_kvhislip_Write(pKvTcpInfo intf, const char* buf, int count, ViUInt16 f
     int st = WaitIntfLock(intf);
     if (st < 0) return st;
   }
-  int st = hislip_SendBuf(intf->S_Core, &h, count, buf);
+  int st = hislip_SendParts(intf->S_Core, &h, head, headLen, data, dataLen, &x);
+  if (st < 0) x.sendFailed();
   if (st < 0 || !(flags & KVTCP_FLAG_KEEP)) ReleaseIntfLock(intf);
-  if (st >= 0) *retcount = count;
+  return st;
+}
+
+bool usableHislip(pKvTcpInfo intf) { return intf && isConnected(intf) && kvLoad(intf->S_Core); }
+
+// A bridge command (head, then data) as one vendor-specific message.
+int kvhislipWriteParts(pKvTcpInfo intf, const char* head, int headLen, const char* data, int dataLen,
+                       ViUInt16 flags, int* retcount) {
+  int dummy;
+  if (!retcount) retcount = &dummy;
+  *retcount = 0;
+  if (!usableHislip(intf)) return VI_ERROR_CONN_LOST;
+  if (intf->tcpType != KVTCP_HISLIP) return VI_ERROR_NSUP_OPER;
+  KvExchangeGuard x(intf);
+  int rs = x.resync(intf);
+  if (rs < 0) return rs;
+  int st = sendCommand(intf, head, headLen, data, dataLen, flags, x);
+  if (st >= 0) *retcount = (head ? headLen : 0) + (data && dataLen > 0 ? dataLen : 0);
+  return st;
+}
+
+}  // namespace
+
+int kvtcp_kvhislip_Write(pKvTcpInfo intf, const char* buf, int count, ViUInt16 flags, int* retcount) {
+  int st = kvhislipWriteParts(intf, nullptr, 0, buf, count, flags, retcount);
+  if (st >= 0 && retcount) *retcount = count;
   return st;
 }
 
 int kvtcp_kvhislip_Query(pKvTcpInfo intf, ViUInt32 timeout, const char* outbuf, int outcount, char* inbuf,
                          int incount, int* retcount) {
+  return kvtcp_kvhislip_QueryParts(intf, timeout, nullptr, 0, outbuf, outcount, inbuf, incount, retcount);
+}
+
+int kvtcp_kvhislip_QueryParts(pKvTcpInfo intf, ViUInt32 timeout, const char* head, int headLen, const char* data,
+                              int dataLen, char* inbuf, int incount, int* retcount) {
   int dummy;
   if (!retcount) retcount = &dummy;
-  if (!intf || !intf->Connected || !intf->S_Core) return VI_ERROR_CONN_LOST;
+  if (!intf || !isConnected(intf) || !kvLoad(intf->S_Core)) return VI_ERROR_CONN_LOST;
   *retcount = 0;
-  int written = 0;
-  int st = kvtcp_kvhislip_Write(intf, outbuf, outcount, KVTCP_FLAG_KEEP, &written);
-  if (st >= 0) st = kvtcp_Read(intf, timeout, inbuf, incount, KVTCP_FLAG_LOCKED, 0, retcount);
+  // The command and its answer form one exchange: no other thread of this
+  // process sends or reads on the channel in between.
+  // Under this one guard the write and the read go straight to their
+  // workers, with the checks kvtcp_kvhislip_Write and kvtcp_Read make.
+  KvExchangeGuard x(intf);
+  int st = x.resync(intf);
+  if (st < 0) return st;
+  if (!usableHislip(intf)) return VI_ERROR_CONN_LOST;
+  if (intf->tcpType != KVTCP_HISLIP) return VI_ERROR_NSUP_OPER;
+  st = sendCommand(intf, head, headLen, data, dataLen, KVTCP_FLAG_KEEP, x);
+  if (st >= 0) {
+    kvtcp_syncLeft = KvSyncLeft();
+    st = usableHislip(intf) ? kvtcp_hislip_Read(intf, timeout, inbuf, incount, KVTCP_FLAG_LOCKED, 0, retcount)
+                            : VI_ERROR_CONN_LOST;
+    x.ended(intf, st);
+  }
   return st;
 }
 
@@ -524,28 +619,53 @@ int kvtcp_hislip_Write(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int count, 
 
 // One message may be read over several calls: hislipInHdr keeps the header
 // of the message in progress (type 0: none), its dataLen what is still unread.
+namespace {
+
+// The header of the next message, unless one is in progress already.
+int beginMessage(pKvTcpInfo intf, ViUInt32 timeout, ViUInt16 flags) {
+  sHiSPLIP_Header* in = &intf->hislipInHdr;
+  if (in->msg != 0) return VI_SUCCESS;
+  if (!(flags & KVTCP_FLAG_LOCKED)) {
+    int st = WaitIntfLock(intf);
+    if (st < 0) return st;
+  }
+  int st = hislip_Query(intf->S_Core, timeout, nullptr, 0, nullptr, in);
+  if (st < 0) {
+    in->msg = 0;
+    ReleaseIntfLock(intf);
+    return st;
+  }
+  if (in->msg != HISLIP_Data && in->msg != HISLIP_DataEnd && in->msg != HISLIP_VendorSpecific) {
+    kvtcp_syncLeft = {KvSyncLeft::kBytes, in->dataLen};
+    KVTCP_LOG("Wait Data/DataEnd, get unexpected %d\n", in->msg);
+    in->msg = 0;
+    ReleaseIntfLock(intf);
+    return VI_ERROR_CONN_LOST;
+  }
+  return VI_SUCCESS;
+}
+
+}  // namespace
+
+int kvtcp_hislip_Begin(pKvTcpInfo intf, ViUInt32 timeout, uint32_t* left) {
+  *left = 0;
+  if (!intf || !isConnected(intf) || !intf->S_Core) return VI_ERROR_CONN_LOST;
+  if (intf->tcpType != KVTCP_HISLIP) return VI_ERROR_NSUP_OPER;
+  KvExchangeGuard x(intf);
+  int st = x.resync(intf);
+  if (st < 0) return st;
+  st = beginMessage(intf, timeout, KVTCP_FLAG_LOCKED);
+  if (st < 0) return st;
+  *left = intf->hislipInHdr.dataLen;
+  return VI_SUCCESS;
+}
+
 int kvtcp_hislip_Read(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int count, ViUInt16 flags, char eos,
                       int* retcount) {
   if (!buf || count < 0) count = 0;
   sHiSPLIP_Header* in = &intf->hislipInHdr;
-  if (in->msg == 0) {
-    if (!(flags & KVTCP_FLAG_LOCKED)) {
-      int st = WaitIntfLock(intf);
-      if (st < 0) return st;
-    }
-    int st = hislip_Query(intf->S_Core, timeout, nullptr, 0, nullptr, in);
-    if (st < 0) {
-      in->msg = 0;
-      ReleaseIntfLock(intf);
-      return st;
-    }
-    if (in->msg != HISLIP_Data && in->msg != HISLIP_DataEnd && in->msg != HISLIP_VendorSpecific) {
-      KVTCP_LOG("Wait Data/DataEnd, get unexpected %d\n", in->msg);
-      in->msg = 0;
-      ReleaseIntfLock(intf);
-      return VI_ERROR_CONN_LOST;
-    }
-  }
+  int begun = beginMessage(intf, timeout, flags);
+  if (begun < 0) return begun;
   intf->hislipInMesageID = (int)myntohl(in->param);
 
   uint32_t remaining = in->dataLen;
@@ -553,8 +673,10 @@ int kvtcp_hislip_Read(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int count, V
   int st;
   bool lastValid = false;
   char last = 0;
+  uint32_t left = remaining;  // unread bytes of the message should a read fail
   if (remaining >= (uint32_t)count) {
     st = recvMinQueued(intf->S_Core, timeout, buf, count, count, &n);
+    left = remaining - (uint32_t)n;
     if (n > 0) {
       lastValid = true;
       last = buf[n - 1];
@@ -565,11 +687,13 @@ int kvtcp_hislip_Read(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int count, V
       // replaces the one above: the call reports (and consumes) the padding.
       char scratch[4];
       st = recvMin(intf->S_Core, timeout, scratch, (int)pad, (int)pad, &n);
+      left = pad - (uint32_t)n;
       lastValid = n > 0;
       if (lastValid) last = scratch[n - 1];
     }
   } else {
     st = recvMinQueued(intf->S_Core, timeout, buf, (int)remaining, (int)remaining, &n);
+    left = remaining - (uint32_t)n;
     if (n > 0) {
       lastValid = true;
       last = buf[n - 1];
@@ -577,12 +701,16 @@ int kvtcp_hislip_Read(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int count, V
   }
   *retcount = n;
   if (st < 0) {
+    kvtcp_syncLeft = {KvSyncLeft::kBytes, left};
     in->msg = 0;
     ReleaseIntfLock(intf);
     KVTCP_LOG("recv s%X error %X wsa %d\n", intf->S_Core, (unsigned)st, errno);
     return st;
   }
 
+  // What really is still on the wire (the padding rule above makes the
+  // header's count differ from it).
+  kvtcp_syncLeft = {KvSyncLeft::kBytes, left};
   int result = 0;
   in->dataLen = remaining - (uint32_t)n;
   if (in->dataLen == 0) {
@@ -608,7 +736,12 @@ int kvtcp_hislip_ReadSTB(pKvTcpInfo intf, ViUInt32 tmo, ViUInt16* stb) {
 }
 
 int kvtcp_hislip_Clear(pKvTcpInfo intf, ViUInt32 tmo) {
-  int st = sendAsync(intf, HISLIP_AsyncDeviceClear, 0);
+  // The whole clear is one exchange; stale answers go first, or the
+  // acknowledgement would be looked for among them.
+  KvExchangeGuard x(intf);
+  int st = x.resync(intf);
+  if (st < 0) return st;
+  st = sendAsync(intf, HISLIP_AsyncDeviceClear, 0);
   if (st < 0) return st;
   int i = pollAsync(intf, tmo, HISLIP_AsyncDeviceClearAcknowledge);
   if (i < 0) return VI_ERROR_TMO;
