@@ -5,6 +5,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include "kvtcp_internal.h"
@@ -41,12 +42,29 @@ inline void openMutexOnce(const char* prefix) {
 
 // A HiSLIP record as a fresh connection leaves it, sharing the process's mutex.
 inline void prepareHislipRecord(KvTcpInfo* k) {
+  k->Connected = 1;
+  k->tcpType = KVTCP_HISLIP;
+  k->port = HISLIP_PORT;
   k->lid = KVTCP_NO_LINK;
   k->hislipModeOverlap = 1;
   k->hislipOutMesageID = (int)0xFFFFFF00u;
   k->hislipMaximumMessageSize = 0x7FFF0000u;
   k->hIntfMutex = intfMutex;
   memcpy(k->intfMutexName, intfMutexName, sizeof k->intfMutexName);
+}
+
+// Writes what fits into the far end without blocking (the inputs are small
+// against a socket buffer; anything beyond simply is not sent).  False when
+// not everything went.
+inline bool feed(int fd, const void* data, size_t n) {
+  const char* p = (const char*)data;
+  while (n > 0) {
+    ssize_t r = send(fd, p, n, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (r <= 0) return false;
+    p += r;
+    n -= (size_t)r;
+  }
+  return true;
 }
 
 }  // namespace fuzzkit

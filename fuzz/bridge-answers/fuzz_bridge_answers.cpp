@@ -68,11 +68,7 @@ void resetDriver(uint8_t ctrl) {
   memset(intf, 0, sizeof *intf);
   intf->GIntf = g;
   intf->ext_intf_no = ctrl;
-  KvTcpInfo* k = &intf->kvtcp;
-  k->Connected = 1;
-  k->tcpType = KVTCP_HISLIP;
-  k->port = HISLIP_PORT;
-  fuzzkit::prepareHislipRecord(k);
+  fuzzkit::prepareHislipRecord(&intf->kvtcp);
 }
 
 int callbacks;
@@ -106,13 +102,7 @@ void feed(int fd, const Msg* m, int n) {
     h.msg = (m[i].raw & 0x8000) ? HISLIP_Data : HISLIP_VendorSpecific;
     uint32_t claim = (uint32_t)m[i].len + ((m[i].raw & 0x4000) ? 2 : 0);
     h.dataLen = myhtonl(claim);
-    if (send(fd, &h, sizeof h, MSG_DONTWAIT | MSG_NOSIGNAL) != (ssize_t)sizeof h) return;
-    size_t off = 0;
-    while (off < m[i].len) {
-      ssize_t r = send(fd, m[i].p + off, m[i].len - off, MSG_DONTWAIT | MSG_NOSIGNAL);
-      if (r <= 0) return;
-      off += (size_t)r;
-    }
+    if (!fuzzkit::feed(fd, &h, sizeof h) || !fuzzkit::feed(fd, m[i].p, m[i].len)) return;
   }
   shutdown(fd, SHUT_WR);
 }

@@ -37,21 +37,7 @@ namespace {
 KvTcpInfo rec;
 void resetRecord() {
   memset(&rec, 0, sizeof rec);
-  rec.Connected = 1;
-  rec.tcpType = KVTCP_HISLIP;
-  rec.port = HISLIP_PORT;
   fuzzkit::prepareHislipRecord(&rec);
-}
-
-// Writes what fits into the far end without blocking (the input is small
-// against a socket buffer; anything beyond simply is not sent).
-void feed(int fd, const uint8_t* p, size_t n) {
-  while (n > 0) {
-    ssize_t r = send(fd, p, n, MSG_DONTWAIT | MSG_NOSIGNAL);
-    if (r <= 0) return;
-    p += r;
-    n -= (size_t)r;
-  }
 }
 
 // Throws away what the client sent, so its sends never block on a full buffer.
@@ -91,7 +77,7 @@ void runAsync(const uint8_t* p, size_t n) {
   int sv[2];
   if (socketpair(AF_UNIX, SOCK_STREAM, 0, sv) != 0) return;
   rec.S_Intr = sv[0];
-  feed(sv[1], p, n);
+  fuzzkit::feed(sv[1], p, n);
   // The thread leaves when the channel closes.
   shutdown(sv[1], SHUT_WR);
   hislipAsyncRecvThread(&rec);
@@ -212,7 +198,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   rec.S_Core = core[0];
   rec.S_Intr = intr[0];  // for the status query and the clear; never answered here
-  feed(core[1], sync, syncLen);
+  fuzzkit::feed(core[1], sync, syncLen);
   if (ctrl & 1) shutdown(core[1], SHUT_WR);
 
   // The script once, in order (status queries and clears may each wait a
