@@ -20,6 +20,14 @@ struct Handshake {
   uint8_t asyncType = 18;  // answer to AsyncInitialize
 };
 
+// A fresh record connected to the scripted peer (a failed connect fails the
+// case; the calls after it then report a lost connection).
+inline KvTcpInfo* connected() {
+  KvTcpInfo* r = kt::newRecord();
+  EXPECT_EQ(VI_SUCCESS, kvtcp_hislip_Connect(r, "127.0.0.1", "inst0"));
+  return r;
+}
+
 class Peer {
  public:
   Peer() : lfd(kt::listenOn("127.0.0.1", 4880)) { EXPECT_GE(lfd, 0); }

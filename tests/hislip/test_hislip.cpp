@@ -33,8 +33,7 @@ TEST(HislipConnect, HandshakeFillsRecordAndSecondConnectSendsNothing) {
     EXPECT_EQ(8u, m.len);  // five bytes, rounded up to 32 bits
     EXPECT_EQ("ping!", m.data.substr(0, 5));
   });
-  KvTcpInfo* r = kt::newRecord();
-  ASSERT_EQ(VI_SUCCESS, kvtcp_hislip_Connect(r, kAddr, "inst0"));
+  KvTcpInfo* r = hs::connected();
   EXPECT_EQ(1, r->Connected);
   EXPECT_EQ(KVTCP_HISLIP, r->tcpType);
   EXPECT_EQ(4880, r->port);
@@ -142,8 +141,7 @@ TEST(HislipRead, MessageOverSeveralCallsEndAndTermination) {
     hs::sendMsg(p.sync, 7, 0, 0x18, "");
     hs::sendMsg(p.sync, 7, 0, 0x1A, "ab\n");
   });
-  KvTcpInfo* r = kt::newRecord();
-  ASSERT_EQ(VI_SUCCESS, kvtcp_hislip_Connect(r, kAddr, "inst0"));
+  KvTcpInfo* r = hs::connected();
   char buf[32] = {};
   int n = -1;
   std::string got;
@@ -178,8 +176,7 @@ TEST(HislipRead, BridgeExchangeAndVendorPadding) {
       hs::sendMsg(p.sync, 128, 0, 0, std::string(answer, 8));
     }
   });
-  KvTcpInfo* r = kt::newRecord();
-  ASSERT_EQ(VI_SUCCESS, kvtcp_hislip_Connect(r, kAddr, "inst0"));
+  KvTcpInfo* r = hs::connected();
   char cmd[16] = "cmd01";
   char in[16] = {};
   int n = -1;
@@ -223,8 +220,7 @@ TEST(HislipWrite, LongMessageSplitsAfterTheFirstSendAndIdsAdvance) {
     EXPECT_EQ(0xFFFFFF02u, m.param);
     EXPECT_EQ("tail!", m.data);  // not rounded: only vendor messages are
   });
-  KvTcpInfo* r = kt::newRecord();
-  ASSERT_EQ(VI_SUCCESS, kvtcp_hislip_Connect(r, kAddr, "inst0"));
+  KvTcpInfo* r = hs::connected();
   kvtcp_sys_send = recordingSend;
   int n = -1;
   EXPECT_EQ(VI_SUCCESS, kvtcp_Write(r, 2000, payload.data(), big, 0, &n));
@@ -247,8 +243,7 @@ TEST(HislipRead, ErrorMessagesAndBrokenHeaders) {
     kt::sendAllBytes(p.sync, "XS" + std::string(14, '\0'));
     hs::sendMsg(p.sync, 3, 0, 0, std::string(300, 'e'));
   });
-  KvTcpInfo* r = kt::newRecord();
-  ASSERT_EQ(VI_SUCCESS, kvtcp_hislip_Connect(r, kAddr, "inst0"));
+  KvTcpInfo* r = hs::connected();
   char buf[64];
   int n;
   const int expected[] = {VI_ERROR_CONN_LOST, VI_ERROR_IO, VI_ERROR_CONN_LOST,
@@ -313,8 +308,7 @@ TEST(HislipAsync, RingStatusByteAndDeviceClear) {
     hs::sendMsg(p.sync, 9, 0, 0);
     hs::sendMsg(p.async, 16, 0, 0, "1234", 4);  // malformed: the thread leaves
   });
-  KvTcpInfo* r = kt::newRecord();
-  ASSERT_EQ(VI_SUCCESS, kvtcp_hislip_Connect(r, kAddr, "inst0"));
+  KvTcpInfo* r = hs::connected();
   ViUInt16 stb = 0;
   EXPECT_EQ(VI_ERROR_TMO, kvtcp_ReadSTB(r, 20, &stb));
 
@@ -372,8 +366,7 @@ TEST(HislipAsync, ServiceRequestAndBridgeEvents) {
     hs::sendMsg(p.async, 128, 0, 0, "", 1445);  // too long for the payload buffer
   });
   kvtcp_setCallback(onEvent);
-  KvTcpInfo* r = kt::newRecord();
-  ASSERT_EQ(VI_SUCCESS, kvtcp_hislip_Connect(r, kAddr, "inst0"));
+  KvTcpInfo* r = hs::connected();
   ASSERT_TRUE(kt::eventually([] { return eventCount() == 2; }));
   EXPECT_TRUE(kt::eventually([&] { return kvLoad(r->S_Intr) == 0; }));
   kvtcp_setCallback(nullptr);

@@ -74,8 +74,7 @@ TEST(HislipWire, EveryClientMessageDecodes) {
     EXPECT_EQ(8, kt::readMsg(p.sync).type);
     kt::sendMsg(p.sync, 9, 0, 0);
   });
-  KvTcpInfo* r = kt::newRecord();
-  ASSERT_EQ(VI_SUCCESS, kvtcp_hislip_Connect(r, "127.0.0.1", "inst0"));
+  KvTcpInfo* r = hs::connected();
   char data[16] = "*IDN?\n";
   int n;
   EXPECT_EQ(VI_SUCCESS, kvtcp_Write(r, 1000, data, 3, 0, &n));
