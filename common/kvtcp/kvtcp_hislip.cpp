@@ -115,11 +115,11 @@ bool takeChannel(pKvTcpInfo intf, AsyncStart* st) {
   st->fd = -1;
   int s = __atomic_load_n(&intf->S_Intr, __ATOMIC_ACQUIRE);
   if (s <= 0) return false;
-  int fd = dup(s);
+  int fd = kvtcp_DupSocket(s);
   if (fd < 0) return false;
   struct stat sb;
   if (fstat(fd, &sb) != 0) {
-    close(fd);
+    kvtcp_CloseSocket(fd);
     return false;
   }
   st->fd = fd;
@@ -234,7 +234,7 @@ leave:
   // Close the record's field only while it is still our socket (we hold a
   // duplicate, so its identity cannot have been reused), then our duplicate.
   if (kvtcp_CloseSocketFieldIfSame(&intf->S_Intr, st.dev, st.ino)) KVTCP_LOG("close intr socket");
-  close(st.fd);
+  kvtcp_CloseSocket(st.fd);
 }
 
 void* asyncThreadStart(void* p) {
@@ -500,7 +500,7 @@ int kvtcp_hislip_Connect(pKvTcpInfo intf, const char* TcpipAddr, const char* sub
     if (rc != 0) {
       kvtcp_ThreadLeave(intf);
       kvStore(intf->Connected, 0);
-      close(st->fd);
+      kvtcp_CloseSocket(st->fd);
       free(st);
       return false;
     }

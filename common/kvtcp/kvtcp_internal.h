@@ -60,6 +60,12 @@ void kvtcp_OpenSocketField(SOCKET* s);
 // Closes *s (if open) and sets it to 0, atomically with respect to the other
 // closers of the same field, so one descriptor is never closed twice.
 void kvtcp_CloseSocketField(SOCKET* s);
+// Making, accepting, duplicating and closing a connection's descriptor, under
+// the same lock as the above.
+int kvtcp_NewSocket();
+int kvtcp_AcceptSocket(int lsn);
+int kvtcp_DupSocket(int fd);
+void kvtcp_CloseSocket(int fd);
 // Closes *s only if it still refers to the socket object (dev, ino) that the
 // caller knows (a receive thread holds a dup of it, so the identity cannot
 // be reused meanwhile).  Returns 1 when it closed the field.
