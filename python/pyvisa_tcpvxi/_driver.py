@@ -262,15 +262,17 @@ class Driver:
     @classmethod
     def get(cls, path):
         with cls._lock:
-            key = os.path.realpath(path) if os.path.sep in path else path
-            drv = cls._loaded.get(key)
+            lib = ctypes.CDLL(path)
+            # Keyed by the file the loader took: "libtcpvxi.so" found through
+            # LD_LIBRARY_PATH and its full path are the same driver.
+            where = os.path.realpath(loaded_file_of(lib, "tcpvxi_start"))
+            drv = cls._loaded.get(where)
             if drv is None:
-                drv = cls._loaded[key] = Driver(path)
+                drv = cls._loaded[where] = Driver(lib, where)
             return drv
 
-    def __init__(self, path):
-        self.lib = ctypes.CDLL(path)
-        self.path = loaded_file_of(self.lib, "tcpvxi_start")
+    def __init__(self, lib, path):
+        self.lib, self.path = lib, path
         exported = dynamic_symbols(self.path)
         missing = []
         for name, (args, res) in _PLAIN.items():
