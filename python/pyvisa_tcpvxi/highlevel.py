@@ -285,8 +285,7 @@ class TcpVxiVisaLibrary(VisaLibraryBase):
                     pass
                 finally:
                     probe.close()
-        if not found:
-            _fail(SC.error_resource_not_found)
+        # Like the other backends: nothing found is an empty answer, not an error.
         return tuple(found)
 
     def _rsrc_raw(self, intf, idx, attr, width):

@@ -49,8 +49,7 @@ def test_list_resources(rm):
     # LAN instruments only when asked for by name, and only when they answer.
     hislip = "TCPIP0::127.0.0.1::hislip0::INSTR"
     assert rm.list_resources(hislip) == (hislip,)
-    with pytest.raises(errors.VisaIOError):
-        rm.list_resources("TCPIP0::127.0.0.1::7::SOCKET")
+    assert rm.list_resources("TCPIP0::127.0.0.1::7::SOCKET") == ()
 
 
 def test_library_found_by_the_loader(bridge):
@@ -231,3 +230,12 @@ def test_bridge_killed_and_reopened(bridge, instr):
     instr.reconnect()
     assert instr.read_memory(A16, 0, 16) & 0xFFF == 0xFFB
     assert instr.query("*IDN?") == IDN[16]
+
+
+def test_driver_log_reaches_python_logging(rm, caplog):
+    # The library's variadic hooks, formatted on the Python side.
+    r = rm.open_resource("VXI0::8::INSTR")
+    with caplog.at_level("DEBUG", logger="pyvisa_tcpvxi.driver"):
+        r.read_memory(A16, 0, 16)
+    r.close()
+    assert any(m.endswith(") vintfIn16: intf0") for m in caplog.messages), caplog.messages
