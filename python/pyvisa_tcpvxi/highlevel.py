@@ -321,17 +321,27 @@ class TcpVxiVisaLibrary(VisaLibraryBase):
         if p.resource_class == "MEMACC":
             return self._add(_Memacc(self, str(p), intf)), SC.success
         la = int(p.vxi_logical_address)
+        idx = self._instrument_index(intf, la)
+        if idx is None:
+            _fail(SC.error_resource_not_found)
+        s = _Vxi(self, str(p), intf, idx, la,
+                 self._rsrc_int(intf, idx, A.vxi_device_class),
+                 self._rsrc_int(intf, idx, A.memory_space),
+                 self._rsrc_int(intf, idx, A.memory_base),
+                 self._rsrc_int(intf, idx, A.memory_size))
+        return self._add(s), SC.success
+
+    def _instrument_index(self, intf, la):
+        """Index of the instrument at logical address la behind interface
+        intf in the driver's records, None if there is none."""
+        if intf >= self.drv.n_intf:
+            return None
         n = ctypes.c_uint32(0)
         self.drv.vintfGetNumRsrc(intf, ctypes.byref(n))
         for idx in range(n.value):
             if self._rsrc_int(intf, idx, A.vxi_logical_address) == la:
-                s = _Vxi(self, str(p), intf, idx, la,
-                         self._rsrc_int(intf, idx, A.vxi_device_class),
-                         self._rsrc_int(intf, idx, A.memory_space),
-                         self._rsrc_int(intf, idx, A.memory_base),
-                         self._rsrc_int(intf, idx, A.memory_size))
-                return self._add(s), SC.success
-        _fail(SC.error_resource_not_found)
+                return idx
+        return None
 
     def is_message_based(self, resource_name):
         """Whether a VXI INSTR resource is a message-based instrument (opens
@@ -341,14 +351,8 @@ class TcpVxiVisaLibrary(VisaLibraryBase):
             intf, la = int(p.board or 0), int(p.vxi_logical_address)
         except (rname.InvalidResourceName, AttributeError, ValueError):
             return False
-        if intf >= self.drv.n_intf:
-            return False
-        n = ctypes.c_uint32(0)
-        self.drv.vintfGetNumRsrc(intf, ctypes.byref(n))
-        for idx in range(n.value):
-            if self._rsrc_int(intf, idx, A.vxi_logical_address) == la:
-                return self._rsrc_int(intf, idx, A.vxi_device_class) == C.VI_VXI_CLASS_MESSAGE
-        return False
+        idx = self._instrument_index(intf, la)
+        return idx is not None and self._rsrc_int(intf, idx, A.vxi_device_class) == C.VI_VXI_CLASS_MESSAGE
 
     def close(self, session):
         s = self.sessions.pop(session, None)
