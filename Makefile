@@ -5,7 +5,7 @@ CMAKE_FLAGS ?=
 # ccache, when present, makes the several builds (release, sanitizers) cheap to repeat.
 CCACHE := $(shell command -v ccache >/dev/null 2>&1 && echo "-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache")
 
-.PHONY: all build build-asan test test-release test-asan demo bench fuzz clean deps
+.PHONY: all build build-asan test test-release test-asan test-install package demo bench fuzz clean deps
 
 all: build
 
@@ -31,7 +31,18 @@ test-asan: build-asan
 test: deps
 	$(MAKE) test-release
 	$(MAKE) test-asan
+	$(MAKE) test-install
 	$(MAKE) fuzz
+
+# The Debian package: its own tree, installed under /usr, without tests.
+package: deps
+	cmake -S . -B build/package $(GEN) -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr -DKV_BUILD_TESTS=OFF $(CCACHE) $(CMAKE_FLAGS)
+	cmake --build build/package -j $(JOBS)
+	cd build/package && cpack -G DEB
+
+# The installed tree and the package as a user gets them.
+test-install: package
+	@bash tests/install/run.sh build/package
 
 fuzz:
 	@sh fuzz/run.sh

@@ -1,0 +1,84 @@
+#!/bin/bash
+# make test-install: what a user gets from `make package`.  Installs the
+# package tree into a temporary DESTDIR and checks, against that tree only:
+# every public header compiles on its own; a program builds through
+# pkg-config and one through find_package(tcpvxi); the installed tcpvxi-host
+# drives the installed simulator through the plug-in, and both programs run
+# against it (isolated: fixed port and shared-memory names); the manual pages
+# render; the .deb holds what it should, nothing outside /usr, and lintian
+# finds no error.
+set -eu
+root=$(cd "$(dirname "$0")/../.." && pwd)
+
+if [ "${1:-}" = --run ]; then
+  # Inside tests/isolate.sh: own loopback, /dev/shm and HOME.
+  prefix=$2 libdir=$3 work=$4
+  "$prefix/bin/tcpvxi-bridge-sim" -m "$prefix/share/tcpvxi/mainframes/default.ini" >"$work/sim.log" 2>&1 &
+  sim=$!
+  trap 'kill $sim 2>/dev/null || true' EXIT
+  i=0
+  until (exec 3<>/dev/tcp/127.0.0.1/4880) 2>/dev/null; do
+    i=$((i + 1)); [ $i -le 200 ] || { cat "$work/sim.log"; exit 1; }
+    sleep 0.05
+  done
+  mkdir -p "$HOME/.config/tarvelo/visa"
+  printf '[COMMON]\nNumIntf=1\n[INTF1]\nINTF_NUM=1\nADDR=127.0.0.1\n' >"$HOME/.config/tarvelo/visa/resmantcpvxi.out"
+  "$prefix/bin/tcpvxi-host" --lib "$prefix/$libdir/visa/libtcpvxi.so" -c 'start; open; list; in16 0 a16 0xC000; stop' \
+    >"$work/host.out"
+  grep -q 'VXI0::16::INSTR' "$work/host.out" || { cat "$work/host.out"; exit 1; }
+  for p in pc-consumer cmake-consumer; do
+    LD_LIBRARY_PATH="$prefix/$libdir" "$work/$p"
+  done
+  exit 0
+fi
+
+build=$(cd "${1:-build/package}" && pwd)
+work=$(mktemp -d /tmp/kvinstall.XXXXXX)
+trap 'rm -rf "$work"' EXIT
+stage=$work/stage
+DESTDIR=$stage cmake --install "$build" >/dev/null
+prefix=$stage$(sed -n 's/^CMAKE_INSTALL_PREFIX:PATH=//p' "$build/CMakeCache.txt")
+libdir=$(sed -n 's/^CMAKE_INSTALL_LIBDIR:PATH=//p' "$build/CMakeCache.txt")
+inc=$prefix/include/tcpvxi
+echo "== installed into $prefix"
+
+for h in "$inc"/*.h; do
+  echo "#include <$(basename "$h")>" | g++ -std=c++11 -Wall -Werror -fsyntax-only -I"$inc" -x c++ - ||
+    { echo "header does not compile alone: $h"; exit 1; }
+done
+
+export PKG_CONFIG_PATH="$prefix/$libdir/pkgconfig"
+[ "$(pkg-config --modversion tcpvxi)" = "$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$build/CMakeCache.txt")" ]
+# shellcheck disable=SC2046
+g++ -std=c++17 -Wall -Werror "$root/tests/install/consumer.cpp" $(pkg-config --cflags --libs tcpvxi) -o "$work/pc-consumer"
+mkdir -p "$work/cm"
+cp "$root/tests/install/consumer.cpp" "$work/cm/"
+cp "$root/tests/install/CMakeLists.txt.in" "$work/cm/CMakeLists.txt"
+cmake -S "$work/cm" -B "$work/cm/build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake --build "$work/cm/build" >/dev/null
+cp "$work/cm/build/consumer" "$work/cmake-consumer"
+echo "== consumers built (pkg-config, find_package)"
+
+"$root/tests/isolate.sh" /bin/bash "$0" --run "$prefix" "$libdir" "$work"
+echo "== installed host, simulator and consumers ran"
+
+for m in "$prefix"/share/man/man*/*; do
+  [ "$(MANWIDTH=80 man -l "$m" 2>/dev/null | wc -l)" -gt 10 ] || { echo "man page does not render: $m"; exit 1; }
+done
+echo "== $(ls "$prefix"/share/man/man*/* | wc -l) man pages render"
+
+deb=$(ls "$build"/tcpvxi_*.deb)
+dpkg-deb -c "$deb" >"$work/contents"
+for f in "./usr/$libdir/visa/libtcpvxi.so" ./usr/bin/tcpvxi-host ./usr/bin/tcpvxi-bridge-sim \
+         ./usr/bin/vxi11-instrument-sim ./usr/include/tcpvxi/tcpvxi.h "./usr/$libdir/pkgconfig/tcpvxi.pc" \
+         ./usr/share/man/man5/resmantcpvxi.out.5.gz ./usr/share/man/man1/tcpvxi-host.1.gz; do
+  grep -q " $f" "$work/contents" || { echo "missing from the package: $f"; exit 1; }
+done
+if awk '{print $6}' "$work/contents" | grep -v -e '^\./$' -e '^\./usr/'; then
+  echo "the package installs outside /usr"; exit 1
+fi
+dpkg-deb -f "$deb" Depends | grep -q libtirpc
+echo "== $(basename "$deb"): $(wc -l <"$work/contents") entries, depends: $(dpkg-deb -f "$deb" Depends)"
+lintian --fail-on error "$deb" >"$work/lintian" 2>&1 || { cat "$work/lintian"; exit 1; }
+grep -v 'root privileges' "$work/lintian" || true
+echo "== lintian: no errors"
