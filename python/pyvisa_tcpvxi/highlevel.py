@@ -516,8 +516,10 @@ class TcpVxiVisaLibrary(VisaLibraryBase):
             if st < 0:
                 _fail(st)
             done += max(0, min(ret.value, n))
-            if done >= len(data) or n == 0 or ret.value <= 0:
+            if done >= len(data) or n == 0:
                 break
+            if ret.value <= 0:  # a peer that takes nothing must not hold us here
+                _fail(SC.error_io)
         return done, self.handle_return_value(session, SC.success)
 
     def read(self, session, count):
@@ -549,6 +551,8 @@ class TcpVxiVisaLibrary(VisaLibraryBase):
             if flags & _EOS_BIT and st & _EOS_BIT:
                 status = SC.success_termination_character_read
                 break
+            if ret.value <= 0 and got < count:  # neither data nor an end: never loop on it
+                _fail(SC.error_io)
         return buf.raw[:got], self.handle_return_value(session, status)
 
     def read_stb(self, session):
