@@ -48,11 +48,13 @@ DEVNAME=simulated mainframe
 INI
 echo "== resource-manager file $conf/resmantcpvxi.out"
 cat "$conf/resmantcpvxi.out"
+echo "== set-up check (tcpvxi-host check)"
+"$host" --lib "$lib" check || true
 echo "== host session (tcpvxi-host --script tools/demo.tcpvxi)"
 # The script reads one address where no device answers on purpose, so the
 # tool reports a failed command; that is part of the demonstration.
 rc=0
-"$host" --lib "$lib" --keep-going --script "$root/tools/demo.tcpvxi" || rc=$?
+(cd "$HOME" && "$host" --lib "$lib" --keep-going --script "$root/tools/demo.tcpvxi") || rc=$?
 [ $rc = 0 ] || echo "== tcpvxi-host exit status $rc (some commands failed, see above)"
 echo "== bridge log (last lines)"
 tail -15 "$HOME/bridge.log"

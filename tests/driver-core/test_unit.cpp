@@ -64,56 +64,48 @@ TEST(DrvInstruments, AttributeTableFromText) {
   EXPECT_EQ(64u, (uint64_t)g.Instr[0].attr_MEM_SIZE);
 }
 
-TEST(DrvInstruments, MemorySpacePriorityA24OverA32) {
-  auto space = [](const std::string& sizes) {
-    IniText doc = parseText("[COMMON]\nNumInstr=1\n[INSTR1]\nINTF_NUM=1\nRSRC_NAME=x\nVXI_LA=1\nMAINFRAME_LA=0\n"
-                            "MANF_ID=1\nMODEL_CODE=1\nSLOT=1\nVXI_DEV_CLASS=1\noffsetA16=16\nsizeA16=0\n"
-                            "offsetA24=24\noffsetA32=32\n" + sizes);
-    SHAREDINTFINFO g{};
-    drvReadInstruments(0, &g, doc);
-    Ini_Dispose(doc);
-    return std::make_pair((int)g.Instr[0].attr_MEM_SPACE, (int)g.Instr[0].attr_MEM_BASE);
-  };
-  EXPECT_EQ(std::make_pair(2, 24), space("sizeA16=1\nsizeA24=100\nsizeA32=200\n"));
-  EXPECT_EQ(std::make_pair(3, 32), space("sizeA16=1\nsizeA24=0\nsizeA32=200\n"));
-  EXPECT_EQ(std::make_pair(1, 16), space("sizeA16=0\nsizeA24=0\nsizeA32=0\n"));
+// One instrument section with the given keys, read as discovery reads it.
+static RmInstrInfo one(const std::string& keys, int* accepted = nullptr) {
+  IniText doc = parseText("[COMMON]\nNumInstr=1\n[INSTR1]\n" + keys);
+  SHAREDINTFINFO g{};
+  int n = drvReadInstruments(0, &g, doc);
+  Ini_Dispose(doc);
+  if (accepted) *accepted = n;
+  return g.Instr[0];
 }
 
-TEST(DrvInstruments, MissingKeysCarryTheLastValueOver) {
-  IniText doc = parseText("[COMMON]\nNumInstr=1\n[INSTR1]\nINTF_NUM=9\nRSRC_NAME=n\nMANF_ID=4095\n"
-                          "SLOT=4\n");
-  SHAREDINTFINFO g{};
-  drvReadInstruments(0, &g, doc);
-  Ini_Dispose(doc);
-  const RmInstrInfo& r = g.Instr[0];
+TEST(DrvInstruments, SpacesClassesAndMissingKeys) {
+  // A24 wins over A32, A16 when neither has a size.
+  const std::string head = "INTF_NUM=1\nRSRC_NAME=x\nVXI_LA=1\nMAINFRAME_LA=0\nMANF_ID=1\nMODEL_CODE=1\nSLOT=1\n"
+                           "VXI_DEV_CLASS=1\noffsetA16=16\nsizeA16=0\noffsetA24=24\noffsetA32=32\n";
+  struct Space { const char* sizes; int space, base; };
+  for (const Space& c : {Space{"sizeA16=1\nsizeA24=100\nsizeA32=200\n", 2, 24},
+                         Space{"sizeA16=1\nsizeA24=0\nsizeA32=200\n", 3, 32},
+                         Space{"sizeA16=0\nsizeA24=0\nsizeA32=0\n", 1, 16}}) {
+    RmInstrInfo r = one(head + c.sizes);
+    EXPECT_EQ(c.space, (int)r.attr_MEM_SPACE) << c.sizes;
+    EXPECT_EQ(c.base, (int)r.attr_MEM_BASE) << c.sizes;
+  }
+  // The class starts behind the last colon.
+  struct Cls { const char* name; ViUInt32 idx; };
+  for (const Cls& c : {Cls{"VXI0::24::INSTR", 10}, Cls{"NOCOLON", 0}, Cls{":ONLYFIRST", 0},
+                       Cls{"ABCDEFGHIJKLMNOPQRSTUVW:", 24} /* a colon in the 24th character */})
+    EXPECT_EQ(c.idx, one("INTF_NUM=1\nRSRC_NAME=" + std::string(c.name) + "\n").IdxAttr_RSRC_CLASS) << c.name;
+
+  // A missing key carries the last value read over.
+  RmInstrInfo r = one("INTF_NUM=9\nRSRC_NAME=n\nMANF_ID=4095\nSLOT=4\n");
   EXPECT_EQ(9, r.attr_VXI_LA) << "the first key takes INTF_NUM's value";
   EXPECT_EQ(9, r.attr_MAINFRAME_LA);
   EXPECT_EQ(4095, r.attr_MODEL_CODE);
   EXPECT_EQ(4, r.attr_VXI_DEV_CLASS);
   EXPECT_EQ(4u, r.sizeA32);
   EXPECT_EQ(2u, r.attr_MEM_SPACE) << "sizeA24 carried over as 4";
-
   // "MODEL_CODE=\t77" parses as an item with an empty value and a line "77"
   // that is not an item: the model code carries the previous key over.
-  doc = parseText("[COMMON]\nNumInstr=1\n[INSTR1]\nINTF_NUM=1\nRSRC_NAME=n\nVXI_LA=5\nMAINFRAME_LA=0\n"
-                  "MANF_ID=4095\nMODEL_CODE=\t77\n");
-  EXPECT_EQ(1, drvReadInstruments(0, &g, doc));
-  Ini_Dispose(doc);
-  EXPECT_EQ(4095, g.Instr[0].attr_MODEL_CODE);
-}
-
-TEST(DrvInstruments, ClassStartsBehindTheLastColon) {
-  auto cls = [](const std::string& name) {
-    IniText doc = parseText("[COMMON]\nNumInstr=1\n[INSTR1]\nINTF_NUM=1\nRSRC_NAME=" + name + "\n");
-    SHAREDINTFINFO g{};
-    drvReadInstruments(0, &g, doc);
-    Ini_Dispose(doc);
-    return g.Instr[0].IdxAttr_RSRC_CLASS;
-  };
-  EXPECT_EQ(10u, cls("VXI0::24::INSTR"));
-  EXPECT_EQ(0u, cls("NOCOLON"));
-  EXPECT_EQ(0u, cls(":ONLYFIRST"));
-  EXPECT_EQ(24u, cls("ABCDEFGHIJKLMNOPQRSTUVW:")) << "a colon in the 24th character";
+  int n = 0;
+  r = one("INTF_NUM=1\nRSRC_NAME=n\nVXI_LA=5\nMAINFRAME_LA=0\nMANF_ID=4095\nMODEL_CODE=\t77\n", &n);
+  EXPECT_EQ(1, n);
+  EXPECT_EQ(4095, r.attr_MODEL_CODE);
 }
 
 TEST(DrvInstruments, SkippedSectionsKeepRecordsDense) {

@@ -107,12 +107,15 @@ TEST(HislipConnect, ReconnectSurvivesTheOldReceiveThread) {
   kvtcp_Disconnect(r);
   peer.join();
 
+  hs::Handshake synchronized;  // the second server offers synchronized mode only
+  synchronized.initCode = 0;
   peer.run([](Peer& p) {
     Msg q = hs::readMsg(p.async);
     EXPECT_EQ(21, q.type);
     hs::sendMsg(p.async, 22, 0x10, q.param);
-  });
+  }, synchronized);
   ASSERT_EQ(VI_SUCCESS, kvtcp_hislip_Connect(r, kAddr, "inst0"));
+  EXPECT_EQ(0, r->hislipModeOverlap);  // taken from the response
   // The old thread has closed its duplicate: core, async, the new thread's
   // duplicate and the peer's two ends are all that is left open.
   EXPECT_TRUE(kt::eventually([&] { return hs::openFds() == base + 5; })) << hs::openFds() - base;

@@ -1,5 +1,6 @@
 // tcpvxi-host end to end: the real tool loads the real driver, which talks
 // HiSLIP to a simulated bridge running in this test process.
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -13,8 +14,13 @@
 #include <cstdio>
 #include <fstream>
 #include <regex>
+#include <thread>
 
 #include "sim.h"
+#include "testkit.h"
+#ifdef KV_HAVE_VXI11SIM
+#include "../../tools/vxi11-sim/sim.h"
+#endif
 
 namespace {
 
@@ -84,8 +90,12 @@ struct Child {
 };
 
 // The tool with a list of commands (joined by ';', run with -c).
-int tool(const std::string& commands, std::string* out, std::string lib = kLib) {
-  Child c({kTool, "--lib", lib, "--keep-going", "-c", commands});
+int tool(const std::string& commands, std::string* out, std::string lib = kLib,
+         std::vector<std::string> extra = {}) {
+  std::vector<std::string> argv = {kTool, "--lib", lib, "--keep-going"};
+  argv.insert(argv.end(), extra.begin(), extra.end());
+  if (!commands.empty()) argv.insert(argv.end(), {"-c", commands});
+  Child c(argv);
   int rc = c.finish();
   *out = c.text;
   // In sanitizer builds the tool and the driver report there.
@@ -94,33 +104,18 @@ int tool(const std::string& commands, std::string* out, std::string lib = kLib) 
   return rc;
 }
 
-// One instrument as the bridge describes it in its resource text.
-struct Instr {
-  unsigned index = 0;
-  std::string name;
-  unsigned la = 0, manfId = 0, modelCode = 0, devClass = 0, offA24 = 0, sizeA24 = 0;
-};
+const std::string kResman = "[COMMON]\nNumIntf=1\n[INTF1]\nINTF_NUM=1\nADDR=127.0.0.1\nDEVNAME=simulated mainframe\n";
 
-// The [INSTRn] sections of the bridge's resource text, in order.
-std::vector<Instr> instruments(const std::string& text) {
-  std::vector<Instr> v;
-  for (size_t at = text.find("\n[INSTR"); at != std::string::npos; at = text.find("\n[INSTR", at + 1)) {
-    std::string sec = text.substr(at, text.find("\n[", at + 1) - at) + "\n";
-    auto val = [&](const std::string& key) {
-      size_t k = sec.find("\n" + key + "="), b = k + key.size() + 2;
-      return k == std::string::npos ? std::string() : sec.substr(b, sec.find('\n', b) - b);
-    };
-    auto u = [&](const char* key) { return (unsigned)strtoul(val(key).c_str(), nullptr, 0); };
-    v.push_back({(unsigned)v.size(), val("RSRC_NAME"), u("VXI_LA"), u("MANF_ID"), u("MODEL_CODE"),
-                 u("VXI_DEV_CLASS"), u("offsetA24"), u("sizeA24")});
-  }
-  return v;
-}
+std::string resmanPath() { return std::string(getenv("HOME")) + "/.config/tarvelo/visa/resmantcpvxi.out"; }
 
 void writeResmanFile(const std::string& body) {
   std::string dir = std::string(getenv("HOME"));  // isolated: a temporary one
   for (const char* d : {"/.config", "/tarvelo", "/visa"}) mkdir((dir += d).c_str(), 0700);
   std::ofstream(dir + "/resmantcpvxi.out") << body;
+}
+
+void expectAll(const std::string& out, const std::vector<std::string>& want) {
+  for (auto& w : want) EXPECT_NE(std::string::npos, out.find(w)) << "missing: " << w << "\n" << out;
 }
 
 class HostTool : public ::testing::Test {
@@ -132,115 +127,221 @@ class HostTool : public ::testing::Test {
     o.logSink = [](const std::string&) {};
     sim_ = std::make_unique<bridgesim::Server>(o);
     sim_->start();
-    writeResmanFile("[COMMON]\nNumIntf=1\n[INTF1]\nINTF_NUM=1\nADDR=127.0.0.1\nDEVNAME=simulated mainframe\n");
-    instr_ = instruments(sim_->bridge().resourceText());
-    ASSERT_FALSE(instr_.empty());
-  }
-  const Instr* find(const std::function<bool(const Instr&)>& pred) {
-    auto it = std::find_if(instr_.begin(), instr_.end(), pred);
-    return it == instr_.end() ? nullptr : &*it;
+    writeResmanFile(kResman);
   }
   std::unique_ptr<bridgesim::Server> sim_;
-  std::vector<Instr> instr_;
 };
 
 }  // namespace
 
-TEST_F(HostTool, EveryEntryPointResolves) {
+TEST_F(HostTool, LibraryWithoutTheEntryPointsIsRefused) {
   std::string out;
-  EXPECT_EQ(0, tool("echo loaded", &out)) << out;
-  EXPECT_NE(std::string::npos, out.find("loaded")) << out;
-  EXPECT_EQ(std::string::npos, out.find("lacks")) << out;
-  // A library without the entry points is refused with exit status 2 and
-  // the names it lacks.
   EXPECT_EQ(2, tool("echo loaded", &out, "libm.so.6")) << out;
-  EXPECT_NE(std::string::npos, out.find("lacks: tcpvxi_start")) << out;
-  EXPECT_NE(std::string::npos, out.find("_Z10vintfWSclrtjj")) << out;
-  EXPECT_EQ(std::string::npos, out.find("loaded"));
+  expectAll(out, {"lacks: tcpvxi_start", "_Z10vintfWSclrtjj"});
 }
 
-TEST_F(HostTool, MissingResourceFileOrUnreachableBridge) {
-  std::remove((std::string(getenv("HOME")) + "/.config/tarvelo/visa/resmantcpvxi.out").c_str());
-  std::string out;
-  EXPECT_EQ(1, tool("start;open;list;in16 0 a16 0xC000;stop", &out)) << out;
-  EXPECT_NE(std::string::npos, out.find("\nHave no resman file TCPVXI\n")) << out;
-  EXPECT_NE(std::string::npos, out.find("0 interface(s)  [VI_SUCCESS")) << out;
-  EXPECT_EQ(std::string::npos, out.find("interface 0 ")) << out;
-  EXPECT_NE(std::string::npos, out.find("[VI_ERROR_SYSTEM_ERROR (0xBFFF0000)]")) << out;  // no interface 0
-
-  writeResmanFile("[COMMON]\nNumIntf=1\n[INTF1]\nINTF_NUM=1\nADDR=127.0.0.5\nDEVNAME=absent\n");
-  EXPECT_EQ(1, tool("start;open;list;in16 0 a16 0xC000;stop", &out)) << out;  // the read fails
-  EXPECT_NE(std::string::npos, out.find("1 interface(s)  [VI_SUCCESS")) << out;
-  EXPECT_NE(std::string::npos, out.find("interface 0 (TCP-VXI0): 0 instrument(s)")) << out;
-  EXPECT_NE(std::string::npos, out.find("[VI_ERROR_CONN_LOST (0xBFFF00A6)]")) << out;
-}
-
-// The list and each instrument's ID and device type registers (A16 0xC000 +
-// 0x40 * LA) agree with the bridge's resource text.
-TEST_F(HostTool, ListAndConfigurationRegistersAgreeWithTheResourceText) {
-  std::string cmds = "start;open;list";
-  for (auto& i : instr_) {
-    char c[96];
-    snprintf(c, sizeof c, ";in16 0 a16 0x%X;in16 0 a16 0x%X", 0xC000 + 0x40 * i.la, 0xC002 + 0x40 * i.la);
-    cmds += c;
+// What a user who mistypes, forgets the file or has no bridge is told; the
+// refused commands never reach the library.
+TEST_F(HostTool, DiagnosticsSayWhatIsWrong) {
+  struct Case {
+    const char* resman;  // null: no file
+    std::string commands;
+    int rc;
+    std::vector<std::string> want;
+  } cases[] = {
+      {nullptr, "start;open;stop", 0,
+       {"resmantcpvxi.out (missing)", "0 interface(s)  [VI_SUCCESS", "hint: no resource file"}},
+      {nullptr, "check", 1, {"problem: the resource file cannot be read", "1 problem(s) found"}},
+      {"[COMMON]\nNumIntf=1\n[INTF1]\nINTF_NUM=1\nADDR=127.0.0.5\n", "start;open;stop", 0,
+       {"TCP-VXI0 127.0.0.5 \"\": refused: nothing listens on 127.0.0.5:4880"}},
+      {"[COMMON]\nNumIntf=2\n[INTF1]\nADDR=127.0.0.1\n", "check", 1,
+       {"[INTF1] has no INTF_NUM", "[INTF1] 127.0.0.1 \"\": reached", "NumIntf=2"}},
+      {kResman.c_str(), "in16 0 a16 0", 1, {"error: the driver is not started", "hint: run 'start'"}},
+      {kResman.c_str(),
+       "start;open;ws-query VXI0::99::INSTR x;attr 0 6;ws-stb 0 la:7;in16 1 a16 0;ws-clr VXI1::16::INSTR;"
+       "out16 0 a16 0xC000 0x12345;in16 0 a24 0x1000000;in32 0 a16 2;stop",
+       1,
+       {"no instrument VXI0::99::INSTR on TCP-VXI0: its logical addresses are 0, 8, 16, 24, 32, 40",
+        "no instrument 6 on TCP-VXI0: it has 6 instrument(s), indexes 0 to 5",
+        "no instrument la:7 on TCP-VXI0", "no interface 1: the driver has 1 interface(s)",
+        "the driver has no interface 1", "value 0x12345 is out of range (at most 0xFFFF",
+        "offset 0x1000000 is out of range", "not aligned"}},
+      {kResman.c_str(), "echo \"unterminated", 1, {"unterminated double quote"}},
+  };
+  for (auto& c : cases) {
+    std::remove(resmanPath().c_str());
+    if (c.resman) writeResmanFile(c.resman);
+    std::string out;
+    EXPECT_EQ(c.rc, tool(c.commands, &out)) << c.commands << "\n" << out;
+    expectAll(out, c.want);
   }
+}
+
+// Another host (127.0.0.2) holds the bridge's lock: open says so.
+TEST_F(HostTool, OpenTellsALockRefusedBridge) {
+  using namespace kt;
+  auto from2 = [] {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in me = addr("127.0.0.2", 0), bridge = addr("127.0.0.1", 4880);
+    EXPECT_EQ(0, bind(fd, (sockaddr*)&me, sizeof me));
+    EXPECT_EQ(0, connect(fd, (sockaddr*)&bridge, sizeof bridge));
+    return fd;
+  };
+  int fd = from2(), afd = from2();
+  ASSERT_TRUE(sendMsg(fd, 0, 0, 0x01000E76, "inst0"));  // Initialize
+  Msg init = readMsg(fd);
+  ASSERT_EQ(1, init.type);
+  ASSERT_TRUE(sendMsg(afd, 17, 0, init.param & 0xFFFF));  // AsyncInitialize
+  ASSERT_EQ(18, readMsg(afd).type);
+  ASSERT_TRUE(sendMsg(fd, 128, 0, 0, words({1, 1000})));  // lock the bridge to 127.0.0.2
+  ASSERT_EQ(128, readMsg(fd).type);
   std::string out;
-  EXPECT_EQ(0, tool(cmds + ";stop", &out)) << out;
-  EXPECT_NE(std::string::npos, out.find("1 interface(s)  [VI_SUCCESS")) << out;
-  EXPECT_NE(std::string::npos,
-            out.find("interface 0 (TCP-VXI0): " + std::to_string(instr_.size()) + " instrument(s)"))
+  EXPECT_EQ(0, tool("start;open;stop", &out)) << out;
+  expectAll(out, {"TCP-VXI0 127.0.0.1 \"simulated mainframe\": lock-refused: the bridge answers but would not lock"});
+  close(fd);
+  close(afd);
+}
+
+TEST_F(HostTool, ConfigEditsTheFileWithABackup) {
+  std::remove(resmanPath().c_str());
+  std::string out;
+  EXPECT_EQ(0, tool("config add 127.0.0.1 mainframe;config add 127.0.0.9;config remove 127.0.0.9;"
+                    "!config add localhost;!config remove 10.0.0.1", &out)) << out;
+  std::ifstream f(resmanPath()), b(resmanPath() + ".bak");
+  std::string now((std::istreambuf_iterator<char>(f)), {}), bak((std::istreambuf_iterator<char>(b)), {});
+  EXPECT_EQ("[COMMON]\nNumIntf=1\n[INTF1]\nINTF_NUM=1\nADDR=127.0.0.1\nDEVNAME=mainframe\n", now);
+  EXPECT_NE(std::string::npos, bak.find("ADDR=127.0.0.9")) << bak;
+  EXPECT_EQ(0, tool("start;open;stop", &out)) << out;
+  expectAll(out, {"TCP-VXI0 127.0.0.1 \"mainframe\": reached, 6 instrument(s)"});
+}
+
+// Quotes and escapes, statuses by name and meaning, the decoded state, and
+// the entry points that have no other command.
+TEST_F(HostTool, GrammarStatusesAndEveryEntryPoint) {
+  std::string out;
+  EXPECT_EQ(0, tool("start;open;echo \"a b\" 'c\\n' \\x41\\;;ws-write VXI0::16::INSTR \"*SRE 16\\n\";"
+                    "!in16 0 a16 0xD900;state TCP-VXI0;peek16 0 a16 0xC000;poke16 0 a16 0xC41E 0;"
+                    "peek8 0 a16 0xC001;poke8 0 a16 0xC41E 0;peek32 0 a16 0xC000;poke32 0 a24 0x200000 7;"
+                    "in32 0 a24 0x200000;irq-add 0 16;irq-del 0 16;initvxi 0 1;inithost 0;"
+                    "!set-attr 0 la:16 VI_ATTR_SLOT 3;copy 0 a24 0x200000 0x200010 1 32;in32 0 a24 0x200010;"
+                    "status VI_ERROR_INV_MODE;stop",
+                    &out))
       << out;
-  // Values printed by the register commands: "0x1234  [VI_SUCCESS (0x00000000)]".
-  static const std::regex re("\\n0x([0-9A-F]+)  \\[VI_SUCCESS");
-  std::vector<unsigned> regs;
-  for (std::sregex_iterator m(out.begin(), out.end(), re), e; m != e; ++m)
-    regs.push_back((unsigned)strtoul((*m)[1].str().c_str(), nullptr, 16));
-  ASSERT_EQ(regs.size(), 2 * instr_.size()) << out;
-  for (auto& i : instr_) {
-    char line[128];
-    snprintf(line, sizeof line, "  [%u] \"%s\"", i.index, i.name.c_str());
-    EXPECT_NE(std::string::npos, out.find(line)) << line << "\n" << out;
-    snprintf(line, sizeof line, "LA %u (0x%X)", i.la, i.la);
-    EXPECT_NE(std::string::npos, out.find(line)) << line << "\n" << out;
-    unsigned id = regs[2 * i.index], type = regs[2 * i.index + 1];
-    EXPECT_EQ(i.manfId, id & 0xFFF) << i.name;
-    EXPECT_EQ(i.devClass, id >> 14) << i.name;
-    EXPECT_EQ(i.modelCode & 0xFFF, type & 0xFFF) << i.name;
-  }
+  expectAll(out, {"\na b c\\\\n A;\n", "wrote 8 byte(s)  [VI_SUCCESS",
+                  "[VI_ERROR_BERR (0xBFFF0038)] bus error", "SYSFAIL", "0xBFFB  (Peek reports no status)",
+                  "0x00000007  [VI_SUCCESS", "[VI_ERROR_ATTR_READONLY (0xBFFF001F)]",
+                  "0xBFFF0091 VI_ERROR_INV_MODE: invalid mode"});
+  EXPECT_EQ(2u, [&] {
+    size_t n = 0;
+    for (size_t p = out.find("0x00000007  [VI_SUCCESS"); p != std::string::npos;
+         p = out.find("0x00000007  [VI_SUCCESS", p + 1))
+      n++;
+    return n;
+  }()) << out;  // the copy reached the second address
 }
 
-TEST_F(HostTool, BlockMoveRoundTripAndWordSerialQuery) {
-  const Instr* mem = find([](const Instr& i) { return i.sizeA24 >= 64; });
-  ASSERT_NE(nullptr, mem) << "the mainframe has no A24 memory";
-  const Instr* mb = find([](const Instr& i) { return i.devClass == 2 && i.la != 0; });
-  if (!mb) mb = find([](const Instr& i) { return i.devClass == 2; });
-  ASSERT_NE(nullptr, mb) << "no message-based instrument in the mainframe";
-  char cmd[320];
-  snprintf(cmd, sizeof cmd,
-           "start;open;moveout32 0 a24 0x%X 0x11223344,0x55667788,0xDEADBEEF,0x01020304;"
-           "movein32 0 a24 0x%X 4;movein8 0 a24 0x%X 4;ws-query 0 %u *IDN?;stop",
-           mem->offA24, mem->offA24, mem->offA24, mb->index);
+TEST_F(HostTool, JsonObjectPerCommandParsesBack) {
   std::string out;
-  EXPECT_EQ(0, tool(cmd, &out)) << out;
-  EXPECT_NE(std::string::npos, out.find("4 element(s)  [VI_SUCCESS")) << out;
-  EXPECT_NE(std::string::npos, out.find("  000000: 11223344 55667788 deadbeef 01020304")) << out;
-  // The same bytes, one at a time: VXI memory is big-endian on the bus.
-  EXPECT_NE(std::string::npos, out.find("  000000: 11 22 33 44")) << out;
-  EXPECT_NE(std::string::npos, out.find("wrote 6 byte(s)  [VI_SUCCESS")) << out;
-  // maker,model,serial,firmware (the line feed is shown escaped); a read
-  // that ends on END reports a positive (success) status.
-  static const std::regex idn("\"[^\",]+,[^\",]+,[^\",]+,[^\",]+(\\\\n)?\"  \\[(VI_SUCCESS|ended at END)");
-  EXPECT_TRUE(std::regex_search(out, idn)) << out;
+  tool("start;open;list;in16 0 a16 0xD900;state 0;ws-query 0 la:99 x;movein16 0 a24 0x200000 2;bogus;stop", &out,
+       kLib, {"--json"});
+  std::string file = std::string(getenv("HOME")) + "/out.json";
+  std::ofstream(file) << out;
+  // Each line one object; print command, ok and name for the checks below.
+  std::string py = "/usr/bin/python3 -c 'import json,sys\nfor l in open(sys.argv[1]):\n o=json.loads(l)\n"
+                   " print(o[\"command\"].split()[0], o[\"ok\"], o.get(\"name\"), len(o[\"data\"]), "
+                   "o.get(\"error\",\"\")[:20])' " + file;
+  FILE* p = popen(py.c_str(), "r");
+  ASSERT_NE(nullptr, p);
+  std::string parsed;
+  char buf[512];
+  while (fgets(buf, sizeof buf, p)) parsed += buf;
+  EXPECT_EQ(0, pclose(p)) << out;
+  EXPECT_EQ("start True VI_SUCCESS 0 \nopen True VI_SUCCESS 4 \nlist True VI_SUCCESS 1 \n"
+            "in16 False VI_ERROR_BERR 1 \nstate True VI_SUCCESS 3 \nws-query False None 0 no instrument la:99 \n"
+            "movein16 True VI_SUCCESS 5 \nbogus False None 0 unknown command 'bog\nstop True VI_SUCCESS 0 \n",
+            parsed)
+      << out;
 }
 
-TEST_F(HostTool, TestInterruptReachesTheCallback) {
-  Child c({kTool, "--lib", kLib, "--keep-going"});
+TEST_F(HostTool, BlockMovesThroughFilesAndTheSwapWarning) {
+  std::string home = getenv("HOME");
+  std::string data(40000, 0);
+  for (size_t i = 0; i < data.size(); i++) data[i] = (char)(i * 7 + i / 256);
+  std::ofstream(home + "/in.bin", std::ios::binary) << data;
+  std::string out;
+  EXPECT_EQ(0, tool("start;open;moveout32 0 a24 0x200000 file:" + home + "/in.bin;movein32 0 a24 0x200000 10000 file=" +
+                        home + "/out.bin;movein16 0 a24 0x200000 4 --swap;movein8 0 a24 0x200000 40000 hex=16;stop",
+                    &out))
+      << out;
+  std::ifstream f(home + "/out.bin", std::ios::binary);
+  std::string back((std::istreambuf_iterator<char>(f)), {});
+  EXPECT_TRUE(back == data) << "file round trip differs: " << back.size() << " bytes\n" << out;
+  expectAll(out, {"40000 bytes in", "MB/s)", "note: a byte-swapped block read shifts by one element",
+                  "... 39984 more byte(s) not shown"});
+  EXPECT_EQ(std::string::npos, out.find("  000010:")) << "hex is bounded";
+}
+
+TEST_F(HostTool, InterruptReportsAndCtrlCLeaveTheToolRunning) {
+  Child c({kTool, "--lib", kLib});
   ASSERT_GT(c.pid, 0);
-  c.write("start\nopen\nirq on\nirq-test 0 0x1234\n");
-  // The report comes on the driver's receive thread, some time after the
-  // command's own answer.
-  EXPECT_TRUE(c.waitFor("[interrupt] event 0xBFFF2021")) << c.text;
-  c.write("irq off\nstop\nquit\n");
-  EXPECT_EQ(0, c.finish()) << c.text;
-  EXPECT_NE(std::string::npos, c.text.find("status/ID 0x1234")) << c.text;
+  c.write("start\nopen\nirq on\nirq-test 0 0xFD10 wait=30000\necho sleeping\nsleep 600000\n");
+  EXPECT_TRUE(c.waitFor("[interrupt] VI_EVENT_VXI_VME_INTR from interface 0 instrument 2: status/ID 0xFD10"))
+      << c.text;
+  ASSERT_TRUE(c.waitFor("sleeping")) << c.text;
+  // Ctrl-C during the long sleep ends the sleep, not the tool.  (Repeated:
+  // one that lands before the sleep has begun is dropped with its line.)
+  for (int i = 0; i < 100 && !c.waitFor("error: interrupted", 200); i++) kill(c.pid, SIGINT);
+  c.write("echo still here\nirq off\nstop\n");
+  EXPECT_TRUE(c.waitFor("still here")) << c.text;
+  EXPECT_EQ(1, c.finish()) << c.text;  // the interrupted sleep counts as failed
+}
+
+TEST_F(HostTool, InstrumentsOverHislipAndVxi11) {
+  std::string out;
+  EXPECT_EQ(0, tool("", &out, kLib, {"instr", "TCPIP::127.0.0.1::hislip0::INSTR", "query", "*IDN?"})) << out;
+  expectAll(out, {"\"Simulated,LAN-VXI Bridge,"});
+  EXPECT_EQ(0, tool("", &out, kLib, {"--json", "benchmark", "TCPIP::127.0.0.1::hislip0::INSTR", "count=20"})) << out;
+  expectAll(out, {"\"queries\":20", "\"queries_per_s\":", "\"p99\":"});
+  EXPECT_EQ(1, tool("", &out, kLib, {"instr", "TCPIP::127.0.0.1::hislip0::FOO", "query", "x"})) << out;
+  expectAll(out, {"error: not a TCPIP resource"});
+  // A raw socket instrument: answers each line with "echo:" and the line.
+  int ls = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in sa{};
+  sa.sin_family = AF_INET;
+  sa.sin_port = htons(5025);
+  sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ASSERT_EQ(0, bind(ls, (sockaddr*)&sa, sizeof sa));
+  listen(ls, 1);
+  std::thread raw([ls] {
+    int c = accept(ls, nullptr, nullptr);
+    std::string line;
+    char ch;
+    while (c >= 0 && read(c, &ch, 1) == 1)
+      if (ch != '\n') line += ch;
+      else {
+        std::string a = "echo:" + line + "\n";
+        if (write(c, a.data(), a.size()) < 0) break;
+        line.clear();
+      }
+    close(c);
+  });
+  EXPECT_EQ(0, tool("instr TCPIP::127.0.0.1::5025::SOCKET query \"a b\";instr TCPIP::127.0.0.1::5025::SOCKET write x\\n;"
+                    "instr TCPIP::127.0.0.1::5025::SOCKET read",
+                    &out))
+      << out;
+  raw.join();
+  close(ls);
+  expectAll(out, {"\"echo:a b\\n\"  [VI_SUCCESS", "\"echo:x\\n\"  [VI_SUCCESS"});
+#ifdef KV_HAVE_VXI11SIM
+  vxi11sim::Options o;
+  o.portmap = vxi11sim::PortmapMode::Own;
+  vxi11sim::Simulator vxi(o);
+  std::string why;
+  ASSERT_TRUE(vxi.start(&why)) << why;
+  const std::string r = "instr TCPIP::127.0.0.1::inst0::INSTR ";
+  EXPECT_EQ(0, tool(r + "query *IDN?;" + r + "stb;" + r + "clear;" + r + "query-block \"ECHO? #15hello\";" + r + "close",
+                    &out))
+      << out;
+  expectAll(out, {"status byte 0x", "device clear  [VI_SUCCESS", "block of 5 byte(s)  [VI_SUCCESS"});
+#endif
 }

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -31,6 +32,10 @@ struct CommandFaults {
   int emptyCode = 0;         // command code answered with an empty payload (0: none)
   int inflateCode = 0;       // command code whose answer claims more elements/bytes than asked (0: none)
   int busyTries = 0;         // Word Serial commands answer 0xBFFF0015 this many times first
+  // Answers no well-behaved bridge gives (e.g. a block chunk that takes part of
+  // its elements): when set and returning a value, that value is the answer.
+  // Runs under the bridge's lock, so it must not call back into the bridge.
+  std::function<std::optional<std::vector<uint8_t>>(const uint8_t* cmd, size_t len)> answer;
 };
 
 class Bridge {

@@ -91,28 +91,6 @@ void Driver::unload() {
   handle = nullptr;
 }
 
-std::string statusText(ViStatus st) {
-  struct Name {
-    uint32_t v;
-    const char* n;
-  };
-  static const Name names[] = {
-      {0x00000000, "VI_SUCCESS"},           {0xBFFF0000, "VI_ERROR_SYSTEM_ERROR"},
-      {0xBFFF000E, "VI_ERROR_INV_OBJECT"},  {0xBFFF0011, "VI_ERROR_RSRC_NFOUND"},
-      {0xBFFF0015, "VI_ERROR_TMO"},         {0xBFFF001D, "VI_ERROR_NSUP_ATTR"},
-      {0xBFFF001F, "VI_ERROR_ATTR_READONLY"}, {0xBFFF0030, "VI_ERROR_ABORT"},
-      {0xBFFF003A, "VI_ERROR_INV_SETUP"},   {0xBFFF003C, "VI_ERROR_ALLOC"},
-      {0xBFFF003E, "VI_ERROR_IO"},          {0xBFFF0067, "VI_ERROR_NSUP_OPER"},
-      {0xBFFF0071, "VI_ERROR_USER_BUF"},    {0xBFFF00A6, "VI_ERROR_CONN_LOST"},
-  };
-  char buf[64];
-  for (auto& n : names)
-    if (n.v == (uint32_t)st) {
-      snprintf(buf, sizeof buf, "%s (0x%08X)", n.n, (unsigned)st);
-      return buf;
-    }
-  snprintf(buf, sizeof buf, "%s 0x%08X", st < 0 ? "error" : "status", (unsigned)st);
-  return buf;
-}
+void* Driver::symbol(const char* name) const { return handle ? dlsym(handle, name) : nullptr; }
 
 }  // namespace host

@@ -88,9 +88,8 @@ struct Driver {
   // string on success, else a message naming what is missing.
   std::string load(const std::string& libPath);
   void unload();
+  // Any other exported symbol of the library (null if absent).
+  void* symbol(const char* name) const;
 };
-
-// VISA status as text ("VI_ERROR_TMO (0xBFFF0015)").
-std::string statusText(ViStatus st);
 
 }  // namespace host

@@ -256,6 +256,8 @@ std::vector<uint8_t> Bridge::Impl::run(const HostId& host, const uint8_t* cmd, s
   live.insert(host.connectionId);
 
   // Switched faults come first: they stand for a bridge that misbehaves.
+  if (faults.answer)
+    if (auto a = faults.answer(cmd, len)) return std::move(*a);
   if (matchesCode(faults.emptyCode, code)) return {};
   if (matchesCode(faults.statusCode, code)) return failure(code, faults.forcedStatus);
   if (code >= kCmdWsRead && code <= kCmdWsWaitResp && faults.busyTries > 0) {

@@ -1,9 +1,7 @@
-// A minimal LAN-to-VXI bridge for the answers the simulated bridge never
-// gives (a block move that takes nothing or only part of a chunk, system
-// state bits beyond the two defined ones) and for the register benchmark: a
-// HiSLIP server on one loopback address that records every bridge command,
-// answers register reads and writes from a small big-endian memory, and lets
-// a test replace any answer.  Every socket wait is bounded.
+// A minimal LAN-to-VXI bridge for the register benchmark: a HiSLIP server on
+// one loopback address that records every bridge command, answers register
+// reads and writes from a small big-endian memory, and lets a caller replace
+// any answer.  Every socket wait is bounded.
 #pragma once
 
 #include <arpa/inet.h>

@@ -1,0 +1,16 @@
+// The prompt on a terminal: line editing, history and completion of
+// commands and instrument names (readline when present), interrupt reports
+// printed above the prompt without tearing the line being typed, and
+// Ctrl-C that drops the line being typed.
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "commands.h"
+
+namespace host {
+
+void interactive(Session& s, const std::function<void(const std::string&)>& run);
+
+}  // namespace host
