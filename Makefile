@@ -5,7 +5,7 @@ CMAKE_FLAGS ?=
 # ccache, when present, makes the several builds (release, sanitizers) cheap to repeat.
 CCACHE := $(shell command -v ccache >/dev/null 2>&1 && echo "-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache")
 
-.PHONY: all build build-asan test test-release test-asan test-install package demo bench fuzz clean deps
+.PHONY: all build build-asan build-tsan test test-release test-asan test-tsan test-install package demo bench fuzz clean deps
 
 all: build
 
@@ -21,6 +21,16 @@ build-asan:
 	cmake -S . -B build/asan $(GEN) -DCMAKE_BUILD_TYPE=Debug -DKV_SANITIZE=ON -DKV_BUILD_TESTS=ON $(CCACHE) $(CMAKE_FLAGS)
 	cmake --build build/asan -j $(JOBS)
 
+# ThreadSanitizer, for the suites that run threads beside each other (the
+# transport's receive threads, the driver's callers, several processes); the
+# list is KV_TSAN_TESTS in cmake/KvTesting.cmake.  No suppression file.
+build-tsan:
+	cmake -S . -B build/tsan $(GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKV_TSAN=ON -DKV_BUILD_TESTS=ON $(CCACHE) $(CMAKE_FLAGS)
+	cmake --build build/tsan -j $(JOBS)
+
+test-tsan: build-tsan
+	cd build/tsan && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure -j $(JOBS)
+
 test-release: build
 	cd build/release && ctest --output-on-failure -j $(JOBS)
 
@@ -31,6 +41,7 @@ test-asan: build-asan
 test: deps
 	$(MAKE) test-release
 	$(MAKE) test-asan
+	$(MAKE) test-tsan
 	$(MAKE) test-install
 	$(MAKE) fuzz
 

@@ -14,6 +14,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <mutex>
+
 const char* path_to_config_in_home = ".config/tarvelo/visa/";
 
 // ------------------------------------------------------------------- time
@@ -138,12 +140,29 @@ ViStatus util_mutexes_lock(ViUInt32 nMutex, MUTEX_TYPE* hMutex, ViUInt32 s_tmo) 
     if (delta > s_tmo) break;
   }
   for (ViUInt32 i = 0; i < nMutex; i++)
-    if (done & (1u << i)) sem_post(local[i]);
+    if (done & (1u << i)) util_mutex_unlock(local[i]);
   return VI_ERROR_TMO;
 }
 
+namespace {
+// Serialises the look and the post of util_mutex_unlock within the process.
+std::mutex g_postMutex;
+}  // namespace
+
+// Posts only a semaphore that is not free already, so the mutex stays
+// binary: a lock that timed out goes on unguarded and still unlocks, and two
+// such unlocks (or the core lock's release without a wait) would otherwise
+// count it up to 2 and more, after which it would exclude nobody.  Within
+// the process the look and the post are one step; two processes unlocking
+// in the same instant can still both post, and the count then comes back to
+// 1 with the next lock and unlock (an unlock of a free semaphore posts
+// nothing).
 void util_mutex_unlock(MUTEX_TYPE hMutex) {
-  if (hMutex) sem_post(hMutex);
+  if (!hMutex) return;
+  std::lock_guard<std::mutex> g(g_postMutex);
+  int v = 0;
+  if (sem_getvalue(hMutex, &v) == 0 && v >= 1) return;
+  sem_post(hMutex);
 }
 
 void util_mutex_close(const char* mutexName, MUTEX_TYPE* hMutex) {

@@ -78,7 +78,7 @@ void kvtcp_UnLock(pKvTcpInfo intf) {
     ReleaseIntfLock(intf);
 }
 
-void kvtcp_setCallback(kvtcpEventHandler cb) { user_callback = cb; }
+void kvtcp_setCallback(kvtcpEventHandler cb) { kvStore(user_callback, cb); }
 
 // ------------------------------------------------- receive threads
 
@@ -123,8 +123,8 @@ void kvtcp_CloseSocketField(SOCKET* s) {
   int fd;
   {
     std::lock_guard<std::mutex> g(g_sockFieldMutex);
-    fd = *s;
-    *s = 0;
+    fd = kvLoad(*s);
+    kvStore(*s, 0);
   }
   if (fd > 0) {
     // shutdown first: it wakes a receive thread blocked on this socket.
@@ -133,23 +133,48 @@ void kvtcp_CloseSocketField(SOCKET* s) {
   }
 }
 
+void kvtcp_OpenSocketField(SOCKET* s) {
+  std::lock_guard<std::mutex> g(g_sockFieldMutex);
+  kvStore(*s, socket(AF_INET, SOCK_STREAM, 0));
+}
+
+int kvtcp_SocketFieldIs(SOCKET* s, dev_t dev, ino_t ino) {
+  std::lock_guard<std::mutex> g(g_sockFieldMutex);
+  int fd = kvLoad(*s);
+  struct stat st;
+  return fd > 0 && fstat(fd, &st) == 0 && st.st_dev == dev && st.st_ino == ino;
+}
+
 int kvtcp_CloseSocketFieldIfSame(SOCKET* s, dev_t dev, ino_t ino) {
   std::lock_guard<std::mutex> g(g_sockFieldMutex);
-  int fd = *s;
+  int fd = kvLoad(*s);
   if (fd <= 0) return 0;
   struct stat st;
   if (fstat(fd, &st) != 0 || st.st_dev != dev || st.st_ino != ino) return 0;
-  *s = 0;
+  kvStore(*s, 0);
   shutdown(fd, SHUT_RDWR);
   close(fd);
   return 1;
+}
+
+void kvtcp_ShutdownSocketField(SOCKET* s) {
+  std::lock_guard<std::mutex> g(g_sockFieldMutex);
+  int fd = kvLoad(*s);
+  if (fd > 0) shutdown(fd, SHUT_RDWR);
 }
 
 void kvtcp_Disconnect(pKvTcpInfo intf) {
   if (!intf) return;
   WaitIntfLock(intf);
   KVTCP_LOG("%s", intf->TcpipAddr);
-  intf->Connected = 0;
+  __atomic_store_n(&intf->Connected, 0, __ATOMIC_RELAXED);
+  // A thread in an exchange on the synchronous channel is woken (its waits
+  // end at once on a shut-down socket) and then let go of the channel before
+  // its descriptor is closed, so that it is never closed under a user, nor
+  // reused by another connection while that thread still reads from it.
+  if (intf->tcpType == KVTCP_HISLIP) kvtcp_ShutdownSocketField(&intf->S_Core);
+  KvExchangeGuard x(intf);
+  x.reset();
   if (intf->tcpType == KVTCP_VXI11 && intf->S_Core && intf->lid != KVTCP_NO_LINK) {
     if (intf->S_Intr == 0) {
       // The interrupt thread may not have opened its channel yet.
@@ -167,15 +192,15 @@ void kvtcp_Disconnect(pKvTcpInfo intf) {
       ReleaseCoreLock(intf);
     }
   }
-  if (intf->S_Intr) {
+  if (kvLoad(intf->S_Intr)) {
     KVTCP_LOG("close intr socket");
     kvtcp_CloseSocketField(&intf->S_Intr);
   }
-  if (intf->S_Abort) {
+  if (kvLoad(intf->S_Abort)) {
     KVTCP_LOG("close abort socket");
     kvtcp_CloseSocketField(&intf->S_Abort);
   }
-  if (intf->S_Core) {
+  if (kvLoad(intf->S_Core)) {
     KVTCP_LOG("close core socket");
     kvtcp_CloseSocketField(&intf->S_Core);
   }
@@ -184,7 +209,7 @@ void kvtcp_Disconnect(pKvTcpInfo intf) {
 
 void kvtcp_Close(pKvTcpInfo intf) {
   if (!intf) return;
-  if (intf->Connected) kvtcp_Disconnect(intf);
+  if (kvLoad(intf->Connected)) kvtcp_Disconnect(intf);
   // A closed record may be freed by its owner at once: give a receive thread
   // that is still leaving (its socket was just shut down) a moment to let go
   // of the record.  Never from that thread itself, e.g. a host callback.
@@ -275,7 +300,7 @@ void kvtcp_toIpAddress(const char* address, char* ipaddr, char* hostname) {
 }
 
 static int setOneByteOption(pKvTcpInfo intf, int on, int* stored, int level, int opt) {
-  if (!intf || !intf->Connected || !intf->S_Core) return VI_ERROR_CONN_LOST;
+  if (!intf || !kvLoad(intf->Connected) || !kvLoad(intf->S_Core)) return VI_ERROR_CONN_LOST;
   if (intf->tcpType != KVTCP_RAW) return VI_SUCCESS;
   on = on ? 1 : 0;
   if (on == *stored) return VI_SUCCESS;
@@ -296,7 +321,7 @@ int kvtcp_sock_setKeepAlive(pKvTcpInfo intf, int on) {
 
 // ------------------------------------------------------ dispatch
 
-static bool usable(pKvTcpInfo intf) { return intf && intf->Connected && intf->S_Core; }
+static bool usable(pKvTcpInfo intf) { return intf && kvLoad(intf->Connected) && kvLoad(intf->S_Core); }
 
 int kvtcp_Write(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int count, ViUInt16 flags, int* retcount) {
   int dummy;
@@ -306,7 +331,13 @@ int kvtcp_Write(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int count, ViUInt1
   switch (intf->tcpType) {
     case KVTCP_RAW: return kvtcp_raw_Write(intf, timeout, buf, count, flags, retcount);
     case KVTCP_VXI11: return kvtcp_vxi11_Write(intf, timeout, buf, count, flags, retcount);
-    case KVTCP_HISLIP: return kvtcp_hislip_Write(intf, timeout, buf, count, flags, retcount);
+    case KVTCP_HISLIP: {
+      // The bridge's own messages share the channel with bridge commands.
+      KvExchangeGuard x(intf);
+      int st = x.resync(intf);
+      if (st < 0) return st;
+      return kvtcp_hislip_Write(intf, timeout, buf, count, flags, retcount);
+    }
     default: return VI_ERROR_NSUP_OPER;
   }
 }
@@ -320,7 +351,12 @@ int kvtcp_Read(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int count, ViUInt16
   switch (intf->tcpType) {
     case KVTCP_RAW: return kvtcp_raw_Read(intf, timeout, buf, count, flags, eos, retcount);
     case KVTCP_VXI11: return kvtcp_vxi11_Read(intf, timeout, buf, count, flags, eos, retcount);
-    case KVTCP_HISLIP: return kvtcp_hislip_Read(intf, timeout, buf, count, flags, eos, retcount);
+    case KVTCP_HISLIP: {
+      KvExchangeGuard x(intf);
+      int st = x.resync(intf);
+      if (st < 0) return st;
+      return kvtcp_hislip_Read(intf, timeout, buf, count, flags, eos, retcount);
+    }
     default: return VI_ERROR_NSUP_OPER;
   }
 }
@@ -331,6 +367,13 @@ int kvtcp_Query(pKvTcpInfo intf, ViUInt32 timeout, char* outbuf, int outcount, c
   if (!retcount) retcount = &dummy;
   *retcount = 0;
   if (!usable(intf)) return VI_ERROR_CONN_LOST;
+  // The query and its answer are one exchange (for HiSLIP; the other kinds
+  // never take this lock elsewhere, so it costs them nothing).
+  KvExchangeGuard x(intf);
+  if (intf->tcpType == KVTCP_HISLIP) {
+    int rs = x.resync(intf);
+    if (rs < 0) return rs;
+  }
   int written = 0;
   int st = kvtcp_Write(intf, timeout, outbuf, outcount, 0x0203, &written);
   if (st < 0) return st;

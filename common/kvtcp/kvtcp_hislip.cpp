@@ -64,9 +64,9 @@ void storeAsync(pKvTcpInfo intf, const sHiSPLIP_Header& h) {
   for (int i = 0; i < KVTCP_ASYNC_SLOTS; i++) {
     if (slotType(intf, i) != 0) continue;
     volatile sHiSPLIP_Header* s = &intf->hislipAsyncIn[i];
-    s->param = h.param;
-    s->dataLenHigh = h.dataLenHigh;
-    s->dataLen = h.dataLen;
+    __atomic_store_n(&s->param, h.param, __ATOMIC_RELAXED);
+    __atomic_store_n(&s->dataLenHigh, h.dataLenHigh, __ATOMIC_RELAXED);
+    __atomic_store_n(&s->dataLen, h.dataLen, __ATOMIC_RELAXED);
     uint32_t w;
     memcpy(&w, &h, 4);
     __atomic_store_n(slotWord(intf, i), w, __ATOMIC_RELEASE);
@@ -129,11 +129,7 @@ bool takeChannel(pKvTcpInfo intf, AsyncStart* st) {
 }
 
 // True while the record's S_Intr still is the channel this thread serves.
-bool sameChannel(const AsyncStart& st) {
-  int s = __atomic_load_n(&st.intf->S_Intr, __ATOMIC_ACQUIRE);
-  struct stat sb;
-  return s > 0 && fstat(s, &sb) == 0 && sb.st_dev == st.dev && sb.st_ino == st.ino;
-}
+bool sameChannel(const AsyncStart& st) { return kvtcp_SocketFieldIs(&st.intf->S_Intr, st.dev, st.ino); }
 
 // Exactly n bytes: n, 0 when the channel closed first, -1 on an error.
 ssize_t recvAll(int fd, void* buf, size_t n) {
@@ -180,11 +176,11 @@ void asyncLoop(const AsyncStart& st) {
           KVTCP_LOG("error recv AsyncChan");
           goto leave;
         }
-        intf->hislipMaximumMessageSize = v[0] == 0 ? myntohl(v[1]) : kDefaultMaxMessageSize;
+        kvStore(intf->hislipMaximumMessageSize, v[0] == 0 ? myntohl(v[1]) : kDefaultMaxMessageSize);
         continue;
       }
       case HISLIP_AsyncServiceRequest: {
-        kvtcpEventHandler cb = user_callback;
+        kvtcpEventHandler cb = kvLoad(user_callback);
         if (cb) {
           intf->hislipAsyncInMsg = HISLIP_AsyncServiceRequest;
           cb(intf);
@@ -220,7 +216,7 @@ void asyncLoop(const AsyncStart& st) {
           }
           if (r == 0) goto leave;
         }
-        kvtcpEventHandler cb = user_callback;
+        kvtcpEventHandler cb = kvLoad(user_callback);
         if (cb) {
           intf->hislipAsyncInMsg = HISLIP_VendorSpecific;
           cb(intf);
@@ -303,11 +299,14 @@ int hislip_Query(SOCKET s, ViUInt32 tmo, sHiSPLIP_Header* outHdr, int len, const
   int n = 0;
   int st = recvMin(s, tmo, (char*)inHdr, sizeof *inHdr, sizeof *inHdr, &n);
   if (st < 0) {
+    // Not a byte of the header yet: the whole message may still come.
+    kvtcp_syncLeft.state = n == 0 ? KvSyncLeft::kWhole : KvSyncLeft::kLost;
     KVTCP_LOG("recv s%X error %X wsa %d\n", s, (unsigned)st, errno);
     return st;
   }
   if (n != (int)sizeof *inHdr || inHdr->Prologue[0] != 'H' || inHdr->Prologue[1] != 'S' ||
       inHdr->dataLenHigh != 0) {
+    kvtcp_syncLeft.state = KvSyncLeft::kLost;
     uint32_t w[3];
     memcpy(w, inHdr, sizeof w);
     KVTCP_LOG("Wrong Header, get %08X%08X%08X\n", myntohl(w[0]), myntohl(w[1]), myntohl(w[2]));
@@ -318,6 +317,7 @@ int hislip_Query(SOCKET s, ViUInt32 tmo, sHiSPLIP_Header* outHdr, int len, const
 
   uint32_t elen = inHdr->dataLen;
   if (elen > 255) {
+    kvtcp_syncLeft = {KvSyncLeft::kBytes, elen};
     KVTCP_LOG("Wrong errLen, get Error %d/%d, msg len %d\n", inHdr->msg, inHdr->code, (int)elen);
     return VI_ERROR_CONN_LOST;
   }
@@ -332,6 +332,7 @@ int hislip_Query(SOCKET s, ViUInt32 tmo, sHiSPLIP_Header* outHdr, int len, const
     st = VI_ERROR_TMO;
   }
   if (st < 0) {
+    kvtcp_syncLeft = {KvSyncLeft::kBytes, elen - (uint32_t)n};
     KVTCP_LOG("recv s%X error %X wsa %d\n", s, (unsigned)st, errno);
     return st;
   }
@@ -355,7 +356,7 @@ void* hislipAsyncRecvThread(void* intf) {
 
 int kvtcp_hislip_Connect(pKvTcpInfo intf, const char* TcpipAddr, const char* subaddr) {
   if (!intf) return VI_ERROR_RSRC_NFOUND;
-  if (intf->Connected) return VI_SUCCESS;
+  if (kvLoad(intf->Connected)) return VI_SUCCESS;
   if (!TcpipAddr) TcpipAddr = "";
 
   intf->lid = KVTCP_NO_LINK;
@@ -366,16 +367,20 @@ int kvtcp_hislip_Connect(pKvTcpInfo intf, const char* TcpipAddr, const char* sub
   intf->hislipSessionID = 0;
   intf->hislipModeOverlap = 1;
   intf->hislipOutMesageID = (int)kFirstMessageId;
-  intf->hislipMaximumMessageSize = kDefaultMaxMessageSize;
-  intf->hislipWaitAsyncStatus = 0;
+  kvStore(intf->hislipMaximumMessageSize, kDefaultMaxMessageSize);
+  kvStore(intf->hislipWaitAsyncStatus, 0);
   // A new session has no message in progress and no answers waiting.
   memset(&intf->hislipInHdr, 0, sizeof intf->hislipInHdr);
   for (int i = 0; i < KVTCP_ASYNC_SLOTS; i++) __atomic_store_n(slotWord(intf, i), 0u, __ATOMIC_RELEASE);
   KVTCP_LOG("%s:HISLIP", intf->TcpipAddr);
 
   if (!intf->hIntfMutex) open_mutex_intf(intf, TcpipAddr);
+  // No exchange of another thread may run on a channel being set up, and a
+  // new session owes nothing.
+  KvExchangeGuard x(intf);
+  x.reset();
   bool locked = WaitIntfLock(intf) == VI_SUCCESS;
-  if (locked && intf->Connected) {
+  if (locked && kvLoad(intf->Connected)) {
     ReleaseIntfLock(intf);
     return VI_SUCCESS;
   }
@@ -388,10 +393,12 @@ int kvtcp_hislip_Connect(pKvTcpInfo intf, const char* TcpipAddr, const char* sub
     intf->Addr.sin_port = myhtons(HISLIP_PORT);
     // Dotted addresses only; never the broadcast address inet_addr gives a name.
     if (intf->Addr.sin_addr.s_addr == INADDR_NONE) return false;
-    intf->S_Core = socket(AF_INET, SOCK_STREAM, 0);
-    if (intf->S_Core == 0xFFFF) intf->S_Core = 0;  // the designed test; -1 fails in the connect
-    intf->S_Intr = socket(AF_INET, SOCK_STREAM, 0);
-    if (intf->S_Intr == 0xFFFF) intf->S_Intr = 0;
+    // Made under the closers' lock: a receive thread of an earlier session
+    // may still look at the descriptor number it had.
+    kvtcp_OpenSocketField(&intf->S_Core);
+    if (kvLoad(intf->S_Core) == 0xFFFF) kvStore(intf->S_Core, 0);  // the designed test; -1 fails in the connect
+    kvtcp_OpenSocketField(&intf->S_Intr);
+    if (kvLoad(intf->S_Intr) == 0xFFFF) kvStore(intf->S_Intr, 0);
     if (intf->S_Core == 0 || intf->S_Intr == 0) return false;
     if (ConnectTmo(intf->S_Core, &intf->Addr) < 0) return false;
     if (ConnectTmo(intf->S_Intr, &intf->Addr) < 0) return false;
@@ -448,7 +455,7 @@ int kvtcp_hislip_Connect(pKvTcpInfo intf, const char* TcpipAddr, const char* sub
     pthread_attr_destroy(&attr);
     if (rc != 0) {
       kvtcp_ThreadLeave(intf);
-      intf->Connected = 0;
+      kvStore(intf->Connected, 0);
       close(st->fd);
       free(st);
       return false;
@@ -460,8 +467,8 @@ int kvtcp_hislip_Connect(pKvTcpInfo intf, const char* TcpipAddr, const char* sub
   if (!setUp()) {
     ReleaseIntfLock(intf);
     KVTCP_LOG("ErroR Connect TCP Interface");
-    if (intf->S_Core < 0) intf->S_Core = 0;  // a failed socket() left -1
-    if (intf->S_Intr < 0) intf->S_Intr = 0;
+    if (kvLoad(intf->S_Core) < 0) kvStore(intf->S_Core, 0);  // a failed socket() left -1
+    if (kvLoad(intf->S_Intr) < 0) kvStore(intf->S_Intr, 0);
     kvtcp_Disconnect(intf);
     return VI_ERROR_RSRC_NFOUND;
   }
@@ -476,8 +483,11 @@ int kvtcp_kvhislip_Write(pKvTcpInfo intf, const char* buf, int count, ViUInt16 f
   int dummy;
   if (!retcount) retcount = &dummy;
   *retcount = 0;
-  if (!intf || !intf->Connected || !intf->S_Core) return VI_ERROR_CONN_LOST;
+  if (!intf || !isConnected(intf) || !kvLoad(intf->S_Core)) return VI_ERROR_CONN_LOST;
   if (intf->tcpType != KVTCP_HISLIP) return VI_ERROR_NSUP_OPER;
+  KvExchangeGuard x(intf);
+  int rs = x.resync(intf);
+  if (rs < 0) return rs;
   sHiSPLIP_Header h;
   memset(&h, 0, sizeof h);  // the parameter of a vendor-specific message is sent as 0
   h.msg = HISLIP_VendorSpecific;
@@ -486,6 +496,7 @@ int kvtcp_kvhislip_Write(pKvTcpInfo intf, const char* buf, int count, ViUInt16 f
     if (st < 0) return st;
   }
   int st = hislip_SendBuf(intf->S_Core, &h, count, buf);
+  if (st < 0) x.sendFailed();
   if (st < 0 || !(flags & KVTCP_FLAG_KEEP)) ReleaseIntfLock(intf);
   if (st >= 0) *retcount = count;
   return st;
@@ -495,11 +506,20 @@ int kvtcp_kvhislip_Query(pKvTcpInfo intf, ViUInt32 timeout, const char* outbuf, 
                          int incount, int* retcount) {
   int dummy;
   if (!retcount) retcount = &dummy;
-  if (!intf || !intf->Connected || !intf->S_Core) return VI_ERROR_CONN_LOST;
+  if (!intf || !isConnected(intf) || !kvLoad(intf->S_Core)) return VI_ERROR_CONN_LOST;
   *retcount = 0;
+  // The command and its answer form one exchange: no other thread of this
+  // process sends or reads on the channel in between.
+  KvExchangeGuard x(intf);
+  int st = x.resync(intf);
+  if (st < 0) return st;
   int written = 0;
-  int st = kvtcp_kvhislip_Write(intf, outbuf, outcount, KVTCP_FLAG_KEEP, &written);
-  if (st >= 0) st = kvtcp_Read(intf, timeout, inbuf, incount, KVTCP_FLAG_LOCKED, 0, retcount);
+  st = kvtcp_kvhislip_Write(intf, outbuf, outcount, KVTCP_FLAG_KEEP, &written);
+  if (st >= 0) {
+    kvtcp_syncLeft = KvSyncLeft();
+    st = kvtcp_Read(intf, timeout, inbuf, incount, KVTCP_FLAG_LOCKED, 0, retcount);
+    x.ended(intf, st);
+  }
   return st;
 }
 
@@ -540,6 +560,7 @@ int kvtcp_hislip_Read(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int count, V
       return st;
     }
     if (in->msg != HISLIP_Data && in->msg != HISLIP_DataEnd && in->msg != HISLIP_VendorSpecific) {
+      kvtcp_syncLeft = {KvSyncLeft::kBytes, in->dataLen};
       KVTCP_LOG("Wait Data/DataEnd, get unexpected %d\n", in->msg);
       in->msg = 0;
       ReleaseIntfLock(intf);
@@ -553,8 +574,10 @@ int kvtcp_hislip_Read(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int count, V
   int st;
   bool lastValid = false;
   char last = 0;
+  uint32_t left = remaining;  // unread bytes of the message should a read fail
   if (remaining >= (uint32_t)count) {
     st = recvMinQueued(intf->S_Core, timeout, buf, count, count, &n);
+    left = remaining - (uint32_t)n;
     if (n > 0) {
       lastValid = true;
       last = buf[n - 1];
@@ -565,11 +588,13 @@ int kvtcp_hislip_Read(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int count, V
       // replaces the one above: the call reports (and consumes) the padding.
       char scratch[4];
       st = recvMin(intf->S_Core, timeout, scratch, (int)pad, (int)pad, &n);
+      left = pad - (uint32_t)n;
       lastValid = n > 0;
       if (lastValid) last = scratch[n - 1];
     }
   } else {
     st = recvMinQueued(intf->S_Core, timeout, buf, (int)remaining, (int)remaining, &n);
+    left = remaining - (uint32_t)n;
     if (n > 0) {
       lastValid = true;
       last = buf[n - 1];
@@ -577,12 +602,16 @@ int kvtcp_hislip_Read(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int count, V
   }
   *retcount = n;
   if (st < 0) {
+    kvtcp_syncLeft = {KvSyncLeft::kBytes, left};
     in->msg = 0;
     ReleaseIntfLock(intf);
     KVTCP_LOG("recv s%X error %X wsa %d\n", intf->S_Core, (unsigned)st, errno);
     return st;
   }
 
+  // What really is still on the wire (the padding rule above makes the
+  // header's count differ from it).
+  kvtcp_syncLeft = {KvSyncLeft::kBytes, left};
   int result = 0;
   in->dataLen = remaining - (uint32_t)n;
   if (in->dataLen == 0) {
@@ -608,7 +637,12 @@ int kvtcp_hislip_ReadSTB(pKvTcpInfo intf, ViUInt32 tmo, ViUInt16* stb) {
 }
 
 int kvtcp_hislip_Clear(pKvTcpInfo intf, ViUInt32 tmo) {
-  int st = sendAsync(intf, HISLIP_AsyncDeviceClear, 0);
+  // The whole clear is one exchange; stale answers go first, or the
+  // acknowledgement would be looked for among them.
+  KvExchangeGuard x(intf);
+  int st = x.resync(intf);
+  if (st < 0) return st;
+  st = sendAsync(intf, HISLIP_AsyncDeviceClear, 0);
   if (st < 0) return st;
   int i = pollAsync(intf, tmo, HISLIP_AsyncDeviceClearAcknowledge);
   if (i < 0) return VI_ERROR_TMO;

@@ -7,6 +7,19 @@
 
 #include "kvtcp.h"
 
+// Fields that threads share without a lock (Connected, the socket fields a
+// receive thread closes, the callback pointers, the size fields) are read
+// and written whole, as relaxed atomics: no torn value and no data race,
+// with no ordering beyond that asked of them.
+template <class T>
+inline T kvLoad(const T& v) {
+  return __atomic_load_n(&v, __ATOMIC_RELAXED);
+}
+template <class T, class U>
+inline void kvStore(T& v, U x) {
+  __atomic_store_n(&v, (T)x, __ATOMIC_RELAXED);
+}
+
 // Set while the first successful CheckForRecv should log the socket flags.
 extern int global_var;
 // The one event callback of the process (null: no event delivery).
@@ -40,6 +53,10 @@ int kvtcp_RecordCoreFailure(pKvTcpInfo intf, int status);
 // Before a core call: drain a half-read reply left by an earlier failure.
 void kvtcp_PrepareCore(pKvTcpInfo intf);
 
+// A new TCP socket into *s (-1 on failure), made under the lock of the
+// closers below, so that a receive thread looking at the number it had sees
+// either its old socket or none, never one being made.
+void kvtcp_OpenSocketField(SOCKET* s);
 // Closes *s (if open) and sets it to 0, atomically with respect to the other
 // closers of the same field, so one descriptor is never closed twice.
 void kvtcp_CloseSocketField(SOCKET* s);
@@ -47,6 +64,55 @@ void kvtcp_CloseSocketField(SOCKET* s);
 // caller knows (a receive thread holds a dup of it, so the identity cannot
 // be reused meanwhile).  Returns 1 when it closed the field.
 int kvtcp_CloseSocketFieldIfSame(SOCKET* s, dev_t dev, ino_t ino);
+// 1 while *s still refers to that socket object.  Looked at under the same
+// lock as the closers, so the descriptor cannot be closed (and reused)
+// while it is looked at.
+int kvtcp_SocketFieldIs(SOCKET* s, dev_t dev, ino_t ino);
+
+// What the calling thread's last failed read on a HiSLIP synchronous channel
+// left on the wire: nothing known (kNone), the whole message that was being
+// waited for (kWhole: not a byte of it had come), `bytes` unread bytes of a
+// begun message (kBytes), or an unknown position (kLost: a header cut short
+// or broken).  Written by the HiSLIP read path, read by the exchange guard.
+struct KvSyncLeft {
+  enum { kNone, kWhole, kBytes, kLost };
+  int state = kNone;
+  uint32_t bytes = 0;
+};
+extern thread_local KvSyncLeft kvtcp_syncLeft;
+
+// The in-process exchange lock of one connection, with its resynchronisation
+// state, kept beside the record (whose layout is fixed) and keyed by it.
+// Every use of a HiSLIP synchronous channel holds it, so a command and its
+// answer are never split by another thread's traffic; it nests on one thread.
+struct KvExchange;
+class KvExchangeGuard {
+ public:
+  explicit KvExchangeGuard(pKvTcpInfo intf);
+  ~KvExchangeGuard();
+  KvExchangeGuard(const KvExchangeGuard&) = delete;
+  KvExchangeGuard& operator=(const KvExchangeGuard&) = delete;
+  // True for the thread's outermost guard of this connection.
+  bool outermost() const;
+  // Before an exchange: drops what earlier exchanges left unread (answers
+  // that came too late, the rest of a longer answer).  0, or
+  // VI_ERROR_CONN_LOST after giving the session up (then disconnected).
+  int resync(pKvTcpInfo intf);
+  // After an exchange whose command went out: notes what its status leaves
+  // unread on the channel.
+  void ended(pKvTcpInfo intf, int status);
+  // The command itself did not go out whole: the channel's position is lost.
+  void sendFailed();
+  // A new session (or none): nothing owed.
+  void reset();
+
+ private:
+  KvExchange* x_;
+};
+
+// Shuts *s down (if open) without closing it, so that a thread blocked on it
+// wakes up; the descriptor stays valid until it is closed.
+void kvtcp_ShutdownSocketField(SOCKET* s);
 
 // Receive threads (HiSLIP asynchronous channel, VXI-11 interrupt channel)
 // register while they run, so the driver can make sure none of them still

@@ -12,7 +12,7 @@
 
 int kvtcp_sock_Connect(pKvTcpInfo intf, const char* TcpipAddr, unsigned short SocketPort) {
   if (!intf) return VI_ERROR_RSRC_NFOUND;
-  if (intf->Connected) return VI_SUCCESS;
+  if (kvLoad(intf->Connected)) return VI_SUCCESS;
   if (!TcpipAddr) TcpipAddr = "";
 
   intf->lid = KVTCP_NO_LINK;
@@ -26,7 +26,7 @@ int kvtcp_sock_Connect(pKvTcpInfo intf, const char* TcpipAddr, unsigned short So
 
   if (!intf->hIntfMutex) open_mutex_intf(intf, TcpipAddr);
   bool locked = WaitIntfLock(intf) == VI_SUCCESS;
-  if (locked && intf->Connected) {
+  if (locked && kvLoad(intf->Connected)) {
     ReleaseIntfLock(intf);
     return VI_SUCCESS;
   }
@@ -60,7 +60,7 @@ int kvtcp_sock_Connect(pKvTcpInfo intf, const char* TcpipAddr, unsigned short So
     return VI_ERROR_RSRC_NFOUND;
   }
   KVTCP_LOG("connected raw socket");
-  intf->Connected = 1;
+  kvStore(intf->Connected, 1);
   ReleaseIntfLock(intf);
   return VI_SUCCESS;
 }

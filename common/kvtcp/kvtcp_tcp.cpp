@@ -30,6 +30,18 @@ void logSocketFlags(const char* func, SOCKET s, int r) {
   pkvFRSpyLog(2, 0x4000, "%s: socket = %d r = %d nonblock = 0x%X fd_flags = 0x%X\n", func, s, r,
               fl & O_NONBLOCK, fdfl);
 }
+// Pause between the empty reads of a closed peer: short against any
+// time-out, long enough not to load the processor.
+constexpr ViUInt64 kEmptyReadPauseMs = 5;
+
+bool bothWaysShut(SOCKET s) {
+  struct pollfd p;
+  p.fd = s;
+  p.events = POLLIN;
+  p.revents = 0;
+  return poll(&p, 1, 0) == 1 && (p.revents & (POLLHUP | POLLNVAL));
+}
+
 }  // namespace
 
 // Waits for input with poll rather than select, so descriptors above 1023
@@ -44,10 +56,8 @@ int CheckForRecv(SOCKET s, ViUInt32 tmo) {
   int r = poll(&p, 1, tmo > (ViUInt32)INT_MAX ? INT_MAX : (int)tmo);
   if (r == 1 && (p.revents & POLLNVAL)) r = -1;  // select would fail with EBADF
   if (r == 1) {
-    if (global_var) {
-      global_var = 0;
-      logSocketFlags(__func__, s, r);
-    }
+    // Cleared by exactly one thread, so the line is written once.
+    if (kvLoad(global_var) && __atomic_exchange_n(&global_var, 0, __ATOMIC_RELAXED)) logSocketFlags(__func__, s, r);
     return 1;
   }
   int saved = errno;
@@ -84,8 +94,10 @@ int sendAll(SOCKET s, const char* buf, int len, int* nWrite) {
 
 // A peer that has closed makes every wait succeed at once with an empty
 // read.  Empty reads are still taken as "wait again", but once they have
-// gone on for longer than the time-out the connection counts as lost, so
-// a closed peer can never keep this loop spinning.
+// gone on for longer than the time-out the connection counts as lost, and
+// meanwhile the loop sleeps between tries instead of burning a core.  A
+// socket shut down in both directions (this side closed it, e.g. a
+// disconnect from another thread) can never deliver again: lost at once.
 int recvMin(SOCKET s, ViUInt32 tmo, char* buf, int len, int minlen, int* nRead) {
   int dummy;
   if (!nRead) nRead = &dummy;
@@ -109,10 +121,12 @@ int recvMin(SOCKET s, ViUInt32 tmo, char* buf, int len, int minlen, int* nRead) 
         if (!empty) {
           empty = true;
           emptySince = now;
-        } else if (now - emptySince > tmo) {
+        }
+        if (now - emptySince > tmo || bothWaysShut(s)) {
           KVTCP_RLOG("%s: recv errno = 0x%X socket\n", ECONNRESET, s);
           return VI_ERROR_CONN_LOST;
         }
+        util_delay_ms(kEmptyReadPauseMs);
       } else {
         empty = false;
       }

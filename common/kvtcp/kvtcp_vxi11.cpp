@@ -360,9 +360,9 @@ int vxi11FullConnect(pKvTcpInfo intf, const char* name) {
         kvtcp_CloseSocketField(&intf->S_Abort);  // no abort channel: not an error
     }
   }
-  intf->Connected = 1;
+  kvStore(intf->Connected, 1);
 
-  if (!user_callback) return VI_SUCCESS;
+  if (!kvLoad(user_callback)) return VI_SUCCESS;
   memcpy((void*)&cpintf, (const void*)intf, sizeof cpintf);
   pcpintf = &cpintf;
   KVTCP_LOG("create thread for intr");
@@ -381,7 +381,7 @@ int vxi11FullConnect(pKvTcpInfo intf, const char* name) {
 
 int kvtcp_vxi11_Connect(pKvTcpInfo rootIntf, pKvTcpInfo intf, const char* TcpipAddr, const char* InstName) {
   if (!intf) return VI_ERROR_RSRC_NFOUND;
-  if (intf->Connected) return VI_SUCCESS;
+  if (kvLoad(intf->Connected)) return VI_SUCCESS;
   if (!TcpipAddr) TcpipAddr = "";
   intf->lid = KVTCP_NO_LINK;
   snprintf(intf->TcpipAddr, sizeof intf->TcpipAddr, "%s", TcpipAddr);
@@ -398,12 +398,12 @@ int kvtcp_vxi11_Connect(pKvTcpInfo rootIntf, pKvTcpInfo intf, const char* TcpipA
   if (!intf->hIntfMutex) open_mutex_intf(intf, TcpipAddr);
   bool locked = WaitIntfLock(intf) == VI_SUCCESS;
   if (locked) {
-    if (intf->Connected) {
+    if (kvLoad(intf->Connected)) {
       ReleaseIntfLock(intf);
       return VI_SUCCESS;
     }
     bool ok = true;
-    if (rootIntf && rootIntf->Connected && intf->tcpType == KVTCP_VXI11) {
+    if (rootIntf && kvLoad(rootIntf->Connected) && intf->tcpType == KVTCP_VXI11) {
       // Another link on the root's core channel, made with the root's device
       // name: the shared channel always addresses the root's device.
       ok = WaitCoreLock(rootIntf) == VI_SUCCESS;
@@ -419,12 +419,12 @@ int kvtcp_vxi11_Connect(pKvTcpInfo rootIntf, pKvTcpInfo intf, const char* TcpipA
         intf->S_Core = rootIntf->S_Core;
         memcpy(intf->TcpipAddr, rootIntf->TcpipAddr, sizeof intf->TcpipAddr);
         memcpy(intf->InstName, rootIntf->InstName, sizeof intf->InstName);
-        intf->Connected = 1;
+        kvStore(intf->Connected, 1);
         KVTCP_LOG("connected!");
       }
     }
     if (ok) {
-      if (intf->Connected) {
+      if (kvLoad(intf->Connected)) {
         ReleaseIntfLock(intf);
         return VI_SUCCESS;
       }
@@ -436,7 +436,7 @@ int kvtcp_vxi11_Connect(pKvTcpInfo rootIntf, pKvTcpInfo intf, const char* TcpipA
         setNoDelay(intf->S_Core);
         setNoDelay(intf->S_Intr);
         setNoDelay(intf->S_Abort);
-        intf->Connected = 1;
+        kvStore(intf->Connected, 1);
         ReleaseIntfLock(intf);
         return VI_SUCCESS;
       }

@@ -30,11 +30,7 @@ uint32_t beWord(const unsigned char* p) {
 bool isConnected(pKvTcpInfo intf) { return __atomic_load_n(&intf->Connected, __ATOMIC_ACQUIRE) != 0; }
 
 // True while the record's S_Intr still is the channel this thread accepted.
-bool sameChannel(pKvTcpInfo intf, dev_t dev, ino_t ino) {
-  int s = __atomic_load_n(&intf->S_Intr, __ATOMIC_ACQUIRE);
-  struct stat sb;
-  return s > 0 && fstat(s, &sb) == 0 && sb.st_dev == dev && sb.st_ino == ino;
-}
+bool sameChannel(pKvTcpInfo intf, dev_t dev, ino_t ino) { return kvtcp_SocketFieldIs(&intf->S_Intr, dev, ino); }
 
 // One complete interrupt call (record mark stripped off): compare the
 // handle it carries with ours and call the handler on a match.
@@ -50,7 +46,7 @@ void handleSrq(pKvTcpInfo intf, const unsigned char* rec, uint32_t len) {
   }
   if (match) {
     KVTCP_LOG("SRQ %s", intf->TcpipAddr);
-    kvtcpEventHandler cb = user_callback;
+    kvtcpEventHandler cb = kvLoad(user_callback);
     if (cb) cb(intf);
   } else {
     KVTCP_LOG("wrong answ srq_repl");

@@ -9,6 +9,8 @@
 
 #include <string.h>
 
+#include <atomic>
+
 #include "HiSLIPcommands.h"
 #include "TcpVxiAPIint.h"
 #include "kvlog.h"
@@ -30,6 +32,35 @@ static const char kSubAddr[] = "inst0";
 static ViStatus fInit = 0;
 
 // ------------------------------------------------------------- helpers
+
+namespace {
+std::atomic<int> g_callsInside{0};
+std::atomic<bool> g_stopping{false};
+
+// How long a stop waits for the calls in flight to leave.  Once the
+// connections are closed each ends within its own time-out; one that is
+// still inside after this keeps the block and the mutex (they are then left
+// open rather than pulled from under it).
+constexpr ViUInt64 kStopWaitMs = 10000;
+
+bool waitCallsGone(ViUInt64 ms) {
+  ViUInt64 t0 = util_timer_ms();
+  while (g_callsInside.load() != 0) {
+    if (util_timer_ms() - t0 > ms) return false;
+    util_delay_ms(1);
+  }
+  return true;
+}
+}  // namespace
+
+// Sequentially consistent on both sides: either the stop sees the call
+// inside, or the call sees the stop.
+DrvCall::DrvCall() {
+  g_callsInside.fetch_add(1);
+  refused_ = g_stopping.load();
+}
+
+DrvCall::~DrvCall() { g_callsInside.fetch_sub(1); }
 
 void drvLock(ViUInt32 s_tmo) { (void)util_mutex_lock(hMutexTcpVxiRM, s_tmo); }
 
@@ -80,22 +111,47 @@ void tcpvxi_start(void) {
   drvUnlock();
 }
 
+// Brings the process back to the state it had when the library was loaded
+// (no connections, no receive threads, nothing filled, no callback), so a
+// start after a stop, with or without unloading the library in between
+// (which keeps its globals: it stays loaded), works like the first one.
+// Calls that race the stop get VI_ERROR_SYSTEM_ERROR (refused) or
+// VI_ERROR_CONN_LOST (their connection closed under them).
 void tcpvxi_stop(void) {
-  vintfCloseDevice();
+  g_stopping.store(true);
+  // Every record of the table, not only those up to NIntf: the table is
+  // cleared below and must leave no socket or named mutex open.
+  drvLock(TCPVXI_CLOSE_TMO);
+  for (int i = 0; i < TCPVXI_MAX_INTF; i++) kvtcp_Close(&Interfaces[i].kvtcp);
+  drvUnlock();
+  bool idle = waitCallsGone(kStopWaitMs);
   // The closed connections' receive threads leave on their own; let them
   // finish before the host may unload the library.
   for (int i = 0; i < TCPVXI_MAX_INTF; i++) kvtcp_WaitThreadGone(&Interfaces[i].kvtcp, 1000);
-  drvLock(TCPVXI_START_TMO);
-  if (hMapObject && tcpvxiGD) util_unmap_global(&hMapObject, tcpvxiGD);
-  hMapObject = nullptr;
-  tcpvxiGD = nullptr;
-  // The process-local table pointed into the block that is gone now.
-  for (int i = 0; i < TCPVXI_MAX_INTF; i++) Interfaces[i].GIntf = nullptr;
-  drvUnlock();
-  util_mutex_close(shmemNameTcpvxi, &hMutexTcpVxiRM);
+  if (idle) {
+    drvLock(TCPVXI_START_TMO);
+    if (hMapObject && tcpvxiGD) util_unmap_global(&hMapObject, tcpvxiGD);
+    hMapObject = nullptr;
+    tcpvxiGD = nullptr;
+    drvUnlock();
+    util_mutex_close(shmemNameTcpvxi, &hMutexTcpVxiRM);
+    memset(Interfaces, 0, sizeof Interfaces);
+  } else {
+    VINTF_LOG("calls still in flight: the block and the mutex stay open\n");
+    tcpvxiGD = nullptr;
+    hMapObject = nullptr;
+    hMutexTcpVxiRM = nullptr;
+  }
+  FillRsrcCalled = 0;
+  fInit = 0;
+  defRM = 0;
+  kvStore(userCallback, nullptr);
+  kvtcp_setCallback(nullptr);
+  g_stopping.store(false);
 }
 
 ViStatus vintfCloseDevice(void) {
+  DRV_CALL(VI_ERROR_SYSTEM_ERROR);
   drvLock(TCPVXI_CLOSE_TMO);
   if (tcpvxiGD) {
     int n = tcpvxiGD->NIntf;
@@ -109,6 +165,7 @@ ViStatus vintfCloseDevice(void) {
 // --------------------------------------------------------- system calls
 
 ViStatus vintfGetExtIntf(ViUInt16 intfIdx, ViUInt16* extVINTF) {
+  DRV_CALL(VI_ERROR_SYSTEM_ERROR);
   drvLock(TCPVXI_LOCK_TMO);
   if (drvIntfRefused(intfIdx)) {
     drvUnlock();
@@ -125,6 +182,7 @@ ViStatus vintfGetExtIntf(ViUInt16 intfIdx, ViUInt16* extVINTF) {
 }
 
 ViStatus vintfSetExtIntf(ViUInt16 intfIdx, ViUInt16 extVINTF) {
+  DRV_CALL(VI_ERROR_SYSTEM_ERROR);
   drvLock(TCPVXI_LOCK_TMO);
   // Refused without unlocking: this exit keeps the driver mutex on purpose.
   if (drvIntfRefused(intfIdx)) return VI_ERROR_SYSTEM_ERROR;
@@ -139,6 +197,7 @@ ViStatus vintfInitVXIpath(ViUInt16 intfIdx, ViUInt16 Nvxb) { return VI_SUCCESS; 
 ViStatus vintfInitHOSTpath(ViUInt16 intfIdx) { return VI_SUCCESS; }
 
 ViStatus vintfResetVXI(ViUInt16 intfIdx) {
+  DRV_CALL(VI_ERROR_SYSTEM_ERROR);
   drvLock(TCPVXI_LOCK_TMO);
   if (drvIntfRefused(intfIdx)) {
     drvUnlock();
@@ -159,6 +218,7 @@ ViStatus vintfResetVXI(ViUInt16 intfIdx) {
 }
 
 ViStatus vintfGetSysState(ViUInt16 intfIdx, ViInt16* State) {
+  DRV_CALL(VI_ERROR_SYSTEM_ERROR);
   drvLock(TCPVXI_LOCK_TMO);
   if (drvIntfRefused(intfIdx)) {
     drvUnlock();
@@ -188,6 +248,7 @@ ViStatus vintfGetSysState(ViUInt16 intfIdx, ViInt16* State) {
 // ----------------------------------------------------------- connection
 
 ViStatus vintfOpenDevice(ViUInt16* retNTCPVXI) {
+  DRV_CALL(VI_ERROR_SYSTEM_ERROR);
   drvLock(TCPVXI_LOCK_TMO);
   if (!tcpvxiGD) {
     // Not started: there is no block to fill or to link to.
@@ -203,8 +264,8 @@ ViStatus vintfOpenDevice(ViUInt16* retNTCPVXI) {
     INTFINFO* intf = &Interfaces[i];
     SHAREDINTFINFO* g = &tcpvxiGD->Intf[i];
     intf->GIntf = g;
-    if (!intf->kvtcp.Connected) drvConnectAndLock(intf, g->Addr);
-    if (!intf->kvtcp.Connected) {
+    if (!kvLoad(intf->kvtcp.Connected)) drvConnectAndLock(intf, g->Addr);
+    if (!kvLoad(intf->kvtcp.Connected)) {
       VINTF_LOG("intf%d (%s) not connected\n", i, g->Addr);
       // Nothing behind an unreachable bridge is offered to the host.
       g->NInstr = 0;
@@ -217,6 +278,7 @@ ViStatus vintfOpenDevice(ViUInt16* retNTCPVXI) {
 }
 
 ViStatus vintfTryReopenDevice(int intfIdx) {
+  DRV_CALL(VI_ERROR_SYSTEM_ERROR);
   drvLock(TCPVXI_LOCK_TMO);
   // Compared signed and unmasked; the table bound keeps a negative or huge
   // number from indexing outside it.
@@ -228,7 +290,7 @@ ViStatus vintfTryReopenDevice(int intfIdx) {
   INTFINFO* intf = &Interfaces[intfIdx];
   const char* addr = drvShared(intfIdx)->Addr;
   ViStatus result;
-  if (intf->kvtcp.Connected) {
+  if (kvLoad(intf->kvtcp.Connected)) {
     // The host saw the connection fail while the record still holds the
     // session: start afresh and retry for up to 2 s.  The two failure exits
     // keep the driver mutex held on purpose, so no call of any process
@@ -249,11 +311,11 @@ ViStatus vintfTryReopenDevice(int intfIdx) {
       }
       // A transport that reported success without a session must not keep
       // this loop going for ever: the same 2 s apply.
-      if (!intf->kvtcp.Connected && util_timer_ms() - t0 > 2000) {
+      if (!kvLoad(intf->kvtcp.Connected) && util_timer_ms() - t0 > 2000) {
         VINTF_LOG("CONN_LOST\n");
         return VI_ERROR_CONN_LOST;
       }
-    } while (!intf->kvtcp.Connected);
+    } while (!kvLoad(intf->kvtcp.Connected));
     VINTF_LOG("OK\n");
     result = st;
   } else {

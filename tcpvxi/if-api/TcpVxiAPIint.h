@@ -4,6 +4,26 @@
 
 #include "TcpVxiAPIStd.h"
 #include "inifile.h"
+#include "kvtcp_internal.h"
+
+// An exported call in progress.  tcpvxi_stop unmaps the shared block and
+// closes the driver mutex only once no call of this process is inside, and a
+// call that starts while a stop runs is refused at once.
+class DrvCall {
+ public:
+  DrvCall();
+  ~DrvCall();
+  DrvCall(const DrvCall&) = delete;
+  DrvCall& operator=(const DrvCall&) = delete;
+  bool refused() const { return refused_; }
+
+ private:
+  bool refused_;
+};
+// First statement of an exported call: returns `fail` while a stop runs.
+#define DRV_CALL(fail)     \
+  DrvCall drvCall_;        \
+  if (drvCall_.refused()) return fail
 
 // The driver mutex, with the lock result deliberately ignored.
 void drvLock(ViUInt32 s_tmo);

@@ -7,6 +7,7 @@
 
 #include "HiSLIPcommands.h"
 #include "TcpVxiAPI.h"
+#include "TcpVxiAPIint.h"
 #include "kvlog.h"
 
 #ifndef VI_ERROR_INV_SPACE
@@ -202,6 +203,7 @@ void PokeD32(PINTFINFO intf, ViUInt32 Addr, ViUInt32 AddrMap, ViUInt32 AddrMode,
 }
 
 ViStatus vintfIn8(ViUInt16 intfIdx, ViUInt32 mode, ViUInt16 adrmap, ViBusAddress offset, ViUInt8* data) {
+  DRV_CALL(VI_ERROR_SYSTEM_ERROR);
   util_mutex_lock(hMutexTcpVxiRM, TCPVXI_LOCK_TMO);
   ViStatus st = VI_ERROR_SYSTEM_ERROR;
   if (PINTFINFO intf = pickIntf(intfIdx)) {
@@ -213,6 +215,7 @@ ViStatus vintfIn8(ViUInt16 intfIdx, ViUInt32 mode, ViUInt16 adrmap, ViBusAddress
 }
 
 ViStatus vintfIn16(ViUInt16 intfIdx, ViUInt32 mode, ViUInt16 adrmap, ViBusAddress offset, ViUInt16* InWord) {
+  DRV_CALL(VI_ERROR_SYSTEM_ERROR);
   util_mutex_lock(hMutexTcpVxiRM, TCPVXI_LOCK_TMO);
   ViStatus st = VI_ERROR_SYSTEM_ERROR;
   if (PINTFINFO intf = pickIntf(intfIdx)) {
@@ -226,6 +229,7 @@ ViStatus vintfIn16(ViUInt16 intfIdx, ViUInt32 mode, ViUInt16 adrmap, ViBusAddres
 }
 
 ViStatus vintfIn32(ViUInt16 intfIdx, ViUInt32 mode, ViUInt16 adrmap, ViBusAddress offset, ViUInt32* data) {
+  DRV_CALL(VI_ERROR_SYSTEM_ERROR);
   util_mutex_lock(hMutexTcpVxiRM, TCPVXI_LOCK_TMO);
   ViStatus st = VI_ERROR_SYSTEM_ERROR;
   if (PINTFINFO intf = pickIntf(intfIdx)) {
@@ -238,6 +242,7 @@ ViStatus vintfIn32(ViUInt16 intfIdx, ViUInt32 mode, ViUInt16 adrmap, ViBusAddres
 }
 
 ViStatus vintfOut8(ViUInt16 intfIdx, ViUInt32 mode, ViUInt16 adrmap, ViBusAddress offset, ViUInt8 data) {
+  DRV_CALL(VI_ERROR_SYSTEM_ERROR);
   util_mutex_lock(hMutexTcpVxiRM, TCPVXI_LOCK_TMO);
   ViStatus st = VI_ERROR_SYSTEM_ERROR;
   if (PINTFINFO intf = pickIntf(intfIdx)) {
@@ -249,6 +254,7 @@ ViStatus vintfOut8(ViUInt16 intfIdx, ViUInt32 mode, ViUInt16 adrmap, ViBusAddres
 }
 
 ViStatus vintfOut16(ViUInt16 intfIdx, ViUInt32 mode, ViUInt16 adrmap, ViBusAddress offset, ViUInt16 data) {
+  DRV_CALL(VI_ERROR_SYSTEM_ERROR);
   util_mutex_lock(hMutexTcpVxiRM, TCPVXI_LOCK_TMO);
   ViStatus st = VI_ERROR_SYSTEM_ERROR;
   if (PINTFINFO intf = pickIntf(intfIdx)) {
@@ -261,6 +267,7 @@ ViStatus vintfOut16(ViUInt16 intfIdx, ViUInt32 mode, ViUInt16 adrmap, ViBusAddre
 }
 
 ViStatus vintfOut32(ViUInt16 intfIdx, ViUInt32 mode, ViUInt16 adrmap, ViBusAddress offset, ViUInt32 data) {
+  DRV_CALL(VI_ERROR_SYSTEM_ERROR);
   util_mutex_lock(hMutexTcpVxiRM, TCPVXI_LOCK_TMO);
   ViStatus st = VI_ERROR_SYSTEM_ERROR;
   if (PINTFINFO intf = pickIntf(intfIdx)) {
@@ -290,6 +297,7 @@ void vintfPeek32(ViUInt16 intfIdx, ViUInt32 mode, ViUInt16 adrmap, ViBusAddress 
 // The 8-bit Poke indexes the privilege table with the whole mode (its swap
 // bit included); a value outside the table's eight entries sends nothing.
 void vintfPoke8(ViUInt16 intfIdx, ViUInt32 mode, ViUInt16 adrmap, ViBusAddress offset, ViUInt8 data) {
+  DRV_CALL();
   util_mutex_lock(hMutexTcpVxiRM, TCPVXI_LOCK_TMO);
   if (PINTFINFO intf = pickIntf(intfIdx)) {
     VINTF_LOG("intf%d\n", intfIdx);
@@ -299,6 +307,7 @@ void vintfPoke8(ViUInt16 intfIdx, ViUInt32 mode, ViUInt16 adrmap, ViBusAddress o
 }
 
 void vintfPoke16(ViUInt16 intfIdx, ViUInt32 mode, ViUInt16 adrmap, ViBusAddress offset, ViUInt16 data) {
+  DRV_CALL();
   util_mutex_lock(hMutexTcpVxiRM, TCPVXI_LOCK_TMO);
   if (PINTFINFO intf = pickIntf(intfIdx)) {
     VINTF_LOG("intf%d\n", intfIdx);
@@ -309,6 +318,7 @@ void vintfPoke16(ViUInt16 intfIdx, ViUInt32 mode, ViUInt16 adrmap, ViBusAddress 
 }
 
 void vintfPoke32(ViUInt16 intfIdx, ViUInt32 mode, ViUInt16 adrmap, ViBusAddress offset, ViUInt32 data) {
+  DRV_CALL();
   util_mutex_lock(hMutexTcpVxiRM, TCPVXI_LOCK_TMO);
   if (PINTFINFO intf = pickIntf(intfIdx)) {
     VINTF_LOG("intf%d\n", intfIdx);
@@ -358,6 +368,7 @@ int ReadBlkD32(PINTFINFO intf, ViUInt32 Addr, ViUInt32 AddrMap, ViUInt32 AddrMod
 
 ViStatus vintfMoveIn8(ViUInt16 intfIdx, ViUInt32 mode, ViUInt16 adrmap, ViUInt16 increment, ViBusAddress offset,
                       ViBusSize count, ViUInt8* buff) {
+  DRV_CALL(VI_ERROR_SYSTEM_ERROR);
   util_mutex_lock(hMutexTcpVxiRM, TCPVXI_LOCK_TMO);
   ViStatus st = VI_ERROR_SYSTEM_ERROR;
   if (PINTFINFO intf = pickIntf(intfIdx)) {
@@ -398,16 +409,19 @@ ViStatus moveInSwapped(const char* fn, ViUInt16 intfIdx, ViUInt32 mode, ViUInt16
 
 ViStatus vintfMoveIn16(ViUInt16 intfIdx, ViUInt32 mode, ViUInt16 adrmap, ViUInt16 increment, ViBusAddress offset,
                        ViBusSize count, ViUInt16* buff) {
+  DRV_CALL(VI_ERROR_SYSTEM_ERROR);
   return moveInSwapped<ViUInt16>(__func__, intfIdx, mode, adrmap, increment, offset, count, buff, ReadBlkD16);
 }
 
 ViStatus vintfMoveIn32(ViUInt16 intfIdx, ViUInt32 mode, ViUInt16 adrmap, ViUInt16 increment, ViBusAddress offset,
                        ViBusSize count, ViUInt32* buff) {
+  DRV_CALL(VI_ERROR_SYSTEM_ERROR);
   return moveInSwapped<ViUInt32>(__func__, intfIdx, mode, adrmap, increment, offset, count, buff, ReadBlkD32);
 }
 
 ViStatus vintfMoveOut8(ViUInt16 intfIdx, ViUInt32 mode, ViUInt16 adrmap, ViUInt16 increment, ViBusAddress offset,
                        ViBusSize count, ViUInt8* buff) {
+  DRV_CALL(VI_ERROR_SYSTEM_ERROR);
   util_mutex_lock(hMutexTcpVxiRM, TCPVXI_LOCK_TMO);
   ViStatus st = VI_ERROR_SYSTEM_ERROR;
   if (PINTFINFO intf = pickIntf(intfIdx)) {
@@ -461,11 +475,13 @@ ViStatus moveOutSwapped(const char* fn, ViUInt16 intfIdx, ViUInt32 mode, ViUInt1
 
 ViStatus vintfMoveOut16(ViUInt16 intfIdx, ViUInt32 mode, ViUInt16 adrmap, ViUInt16 increment, ViBusAddress offset,
                         ViBusSize count, ViUInt16* buff) {
+  DRV_CALL(VI_ERROR_SYSTEM_ERROR);
   return moveOutSwapped<ViUInt16>(__func__, intfIdx, mode, adrmap, increment, offset, count, buff, WriteBlkD16);
 }
 
 ViStatus vintfMoveOut32(ViUInt16 intfIdx, ViUInt32 mode, ViUInt16 adrmap, ViUInt16 increment, ViBusAddress offset,
                         ViBusSize count, ViUInt32* buff) {
+  DRV_CALL(VI_ERROR_SYSTEM_ERROR);
   return moveOutSwapped<ViUInt32>(__func__, intfIdx, mode, adrmap, increment, offset, count, buff, WriteBlkD32);
 }
 

@@ -32,7 +32,7 @@ static int instrumentOfLA(const SHAREDINTFINFO* g, int la) {
 }
 
 void tcpEventHandler(pKvTcpInfo kvtcp) {
-  if (!kvtcp || !userCallback) return;
+  if (!kvtcp || !kvLoad(userCallback)) return;
   // Only the driver's own connections (embedded in INTFINFO) are known;
   // anything else, e.g. an instrument connection of another user of the
   // transport, is not ours to report.
@@ -56,7 +56,7 @@ void tcpEventHandler(pKvTcpInfo kvtcp) {
   for (uint32_t k = 0; k < n; k++) {
     // Read afresh before every pair: a host that clears its callback stops
     // delivery between the pairs of one report.
-    eventHandler cb = userCallback;
+    eventHandler cb = kvLoad(userCallback);
     if (!cb) break;
     uint32_t statID = StatIDbuff[k].StatID;
     int idx = instrumentOfLA(g, (int)(statID & 0xFF));
@@ -66,7 +66,7 @@ void tcpEventHandler(pKvTcpInfo kvtcp) {
 }
 
 ViStatus vintfUserIRQCallback(eventHandler callbackHandler) {
-  userCallback = callbackHandler;
+  kvStore(userCallback, callbackHandler);
   return VI_SUCCESS;
 }
 
@@ -76,6 +76,7 @@ ViStatus vintfIrqAddLA(ViUInt16 intfIdx, ViUInt16 LA) { return VI_SUCCESS; }
 ViStatus vintfIrqDelLA(ViUInt16 intfIdx, ViUInt16 LA) { return VI_SUCCESS; }
 
 ViStatus vintfTestIRQ(ViUInt16 intfIdx, ViUInt16 STATID) {
+  DRV_CALL(VI_ERROR_SYSTEM_ERROR);
   drvLock(TCPVXI_LOCK_TMO);
   if (drvIntfRefused(intfIdx)) {
     drvUnlock();

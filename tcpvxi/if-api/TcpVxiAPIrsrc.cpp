@@ -170,6 +170,7 @@ static char* resmanPath(void) {
 }
 
 ViStatus vintfFillResources(ViBoolean firstInit) {
+  DRV_CALL(VI_ERROR_SYSTEM_ERROR);
   ViStatus status = VI_SUCCESS;
   VINTF_LOG("first=%d, firstcall=%d\n", (int)firstInit, FillRsrcCalled);
   kvtcp_setCallback(tcpEventHandler);
@@ -180,7 +181,7 @@ ViStatus vintfFillResources(ViBoolean firstInit) {
   // would forget are closed first, so no socket or receive thread is left
   // behind on a record that is about to be wiped.
   for (int i = 0; i < TCPVXI_MAX_INTF; i++)
-    if (Interfaces[i].kvtcp.Connected) kvtcp_Close(&Interfaces[i].kvtcp);
+    if (kvLoad(Interfaces[i].kvtcp.Connected)) kvtcp_Close(&Interfaces[i].kvtcp);
   memset(tcpvxiGD, 0, sizeof *tcpvxiGD);
   memset((void*)Interfaces, 0, sizeof Interfaces);
   for (int i = 0; i < TCPVXI_MAX_INTF; i++) {
@@ -245,8 +246,8 @@ ViStatus vintfFillResources(ViBoolean firstInit) {
       doc = nullptr;
       INTFINFO* intf = &Interfaces[i];
       SHAREDINTFINFO* g = &tcpvxiGD->Intf[i];
-      VINTF_LOG("intf%d (%s) connected=%d\n", i, g->Addr, intf->kvtcp.Connected);
-      if (intf->kvtcp.Connected) {
+      VINTF_LOG("intf%d (%s) connected=%d\n", i, g->Addr, kvLoad(intf->kvtcp.Connected));
+      if (kvLoad(intf->kvtcp.Connected)) {
         unsigned char* text = (unsigned char*)calloc(1, RESMAN_TEXT_MAX + 1);
         if (text) {
           sLineTextInput src;
@@ -272,6 +273,7 @@ ViStatus vintfFillResources(ViBoolean firstInit) {
 // ----------------------------------------------------------- attributes
 
 ViStatus vintfGetNumRsrc(ViUInt16 intfIdx, ViUInt32* retNRsrc) {
+  DRV_CALL(VI_ERROR_SYSTEM_ERROR);
   drvLock(TCPVXI_LOCK_TMO);
   if (drvIntfRefused(intfIdx)) {
     if (retNRsrc) *retNRsrc = 0;
@@ -279,7 +281,7 @@ ViStatus vintfGetNumRsrc(ViUInt16 intfIdx, ViUInt32* retNRsrc) {
     return VI_ERROR_SYSTEM_ERROR;
   }
   ViUInt32 n = 0;
-  if (Interfaces[intfIdx].kvtcp.Connected) {
+  if (kvLoad(Interfaces[intfIdx].kvtcp.Connected)) {
     ViInt32 k = drvShared(intfIdx)->NInstr;
     n = k < 0 ? 0 : k > TCPVXI_MAX_INSTR ? TCPVXI_MAX_INSTR : (ViUInt32)k;
   }
@@ -297,6 +299,7 @@ static void copyField(void* dst, const char* field, size_t size) {
 }
 
 ViStatus vintfGetRsrcAttr(ViUInt16 intfIdx, ViUInt32 NInstr, ViAttr attrName, void* attrValue) {
+  DRV_CALL(VI_ERROR_SYSTEM_ERROR);
   drvLock(TCPVXI_LOCK_TMO);
   ViStatus st = VI_SUCCESS;
   if (!attrValue) {
@@ -359,6 +362,7 @@ ViStatus vintfGetRsrcAttr(ViUInt16 intfIdx, ViUInt32 NInstr, ViAttr attrName, vo
 }
 
 ViStatus vintfSetRsrcAttr(ViUInt16 intfIdx, ViUInt32 NInstr, ViAttr attrName, ViAttrState attrValue) {
+  DRV_CALL(VI_ERROR_SYSTEM_ERROR);
   switch (attrName) {
     case VI_ATTR_CMDR_LA:
     case VI_ATTR_VXI_DEV_CLASS:

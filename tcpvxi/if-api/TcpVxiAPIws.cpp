@@ -12,6 +12,7 @@
 
 #include "HiSLIPcommands.h"
 #include "TcpVxiAPI.h"
+#include "TcpVxiAPIint.h"
 
 // The message-exchange workers.  C++ names, internal to the driver.
 ViStatus WSrd(PINTFINFO intf, ViUInt16 la, ViUInt32 timeout, ViChar* data, ViUInt32 size, ViUInt32 flags,
@@ -196,6 +197,7 @@ ViStatus wsWaitResp(PINTFINFO intf, ViUInt16 la, ViUInt32 timeout, ViUInt16 stdr
 
 ViStatus vintfWScmd2la(ViUInt16 intfIdx, ViUInt16 la, ViUInt32 timeout, ViUInt16 cmd, ViUInt16 respflag,
                        ViUInt16* response) {
+  DRV_CALL(VI_ERROR_SYSTEM_ERROR);
   PINTFINFO intf = ws::pickIntf(intfIdx);
   if (!intf) return VI_ERROR_SYSTEM_ERROR;
   ViUInt32 mods = VXICMD_WS_SEND16 | (respflag ? VXICMD_WS_RESP16 : 0);
@@ -207,12 +209,14 @@ ViStatus vintfWScmd2la(ViUInt16 intfIdx, ViUInt16 la, ViUInt32 timeout, ViUInt16
 
 ViStatus vintfWScmd(ViUInt16 intfIdx, ViUInt32 NInstr, ViUInt32 timeout, ViUInt16 cmd, ViUInt16 respflag,
                     ViUInt16* response) {
+  DRV_CALL(VI_ERROR_SYSTEM_ERROR);
   ViUInt16 la = 0;
   if (!ws::pickIntf(intfIdx) || !ws::instrLA(intfIdx, NInstr, &la)) return VI_ERROR_SYSTEM_ERROR;
   return vintfWScmd2la(intfIdx, la, timeout, cmd, respflag, response);
 }
 
 ViStatus vintfWSresp(ViUInt16 intfIdx, ViUInt32 NInstr, ViUInt32 timeout, ViUInt16* response) {
+  DRV_CALL(VI_ERROR_SYSTEM_ERROR);
   PINTFINFO intf = ws::pickIntf(intfIdx);
   ViUInt16 la = 0;
   if (!intf || !ws::instrLA(intfIdx, NInstr, &la)) return VI_ERROR_SYSTEM_ERROR;
@@ -223,6 +227,7 @@ ViStatus vintfWSresp(ViUInt16 intfIdx, ViUInt32 NInstr, ViUInt32 timeout, ViUInt
 }
 
 ViStatus vintfWSreadSTB(ViUInt16 intfIdx, ViUInt32 NInstr, ViUInt32 timeout, ViUInt16* STB) {
+  DRV_CALL(VI_ERROR_SYSTEM_ERROR);
   PINTFINFO intf = ws::pickIntf(intfIdx);
   ViUInt16 la = 0;
   if (!intf || !ws::instrLA(intfIdx, NInstr, &la)) return VI_ERROR_SYSTEM_ERROR;
@@ -237,6 +242,7 @@ ViStatus vintfWSreadSTB(ViUInt16 intfIdx, ViUInt32 NInstr, ViUInt32 timeout, ViU
 
 ViStatus vintfWSLcmd(ViUInt16 intfIdx, ViUInt32 NInstr, ViUInt32 timeout, ViUInt32 cmd, ViUInt16 respflag,
                      ViUInt32* response) {
+  DRV_CALL(VI_ERROR_SYSTEM_ERROR);
   PINTFINFO intf = ws::pickIntf(intfIdx);
   ViUInt16 la = 0;
   if (!intf || !ws::instrLA(intfIdx, NInstr, &la)) return VI_ERROR_SYSTEM_ERROR;
@@ -249,6 +255,7 @@ ViStatus vintfWSLcmd(ViUInt16 intfIdx, ViUInt32 NInstr, ViUInt32 timeout, ViUInt
 
 // The only code-14 request that hands the bridge the caller's time-out.
 ViStatus vintfWSLresp(ViUInt16 intfIdx, ViUInt32 NInstr, ViUInt32 timeout, ViUInt32* response) {
+  DRV_CALL(VI_ERROR_SYSTEM_ERROR);
   PINTFINFO intf = ws::pickIntf(intfIdx);
   ViUInt16 la = 0;
   if (!intf || !ws::instrLA(intfIdx, NInstr, &la)) return VI_ERROR_SYSTEM_ERROR;
@@ -259,6 +266,7 @@ ViStatus vintfWSLresp(ViUInt16 intfIdx, ViUInt32 NInstr, ViUInt32 timeout, ViUIn
 }
 
 ViStatus vintfWStrg(ViUInt16 intfIdx, ViUInt32 NInstr, ViUInt32 timeout) {
+  DRV_CALL(VI_ERROR_SYSTEM_ERROR);
   PINTFINFO intf = ws::pickIntf(intfIdx);
   ViUInt16 la = 0;
   if (!intf || !ws::instrLA(intfIdx, NInstr, &la)) return VI_ERROR_SYSTEM_ERROR;
@@ -269,6 +277,7 @@ ViStatus vintfWStrg(ViUInt16 intfIdx, ViUInt32 NInstr, ViUInt32 timeout) {
 }
 
 ViStatus vintfWSclr(ViUInt16 intfIdx, ViUInt32 NInstr, ViUInt32 timeout) {
+  DRV_CALL(VI_ERROR_SYSTEM_ERROR);
   PINTFINFO intf = ws::pickIntf(intfIdx);
   ViUInt16 la = 0;
   if (!intf || !ws::instrLA(intfIdx, NInstr, &la)) return VI_ERROR_SYSTEM_ERROR;
@@ -284,6 +293,7 @@ static inline ViInt32 wsChunk(ViInt32 remaining) { return remaining >= 256 ? 256
 
 ViStatus vintfWSrd(ViUInt16 intfIdx, ViUInt32 NInstr, ViUInt32 timeout, ViChar* buf, ViInt32 count,
                    ViUInt16 flags, ViChar eos, ViInt32* retcount) {
+  DRV_CALL(VI_ERROR_SYSTEM_ERROR);
   PINTFINFO intf = ws::pickIntf(intfIdx);
   ViUInt16 la = 0;
   if (!intf || !ws::instrLA(intfIdx, NInstr, &la)) return VI_ERROR_SYSTEM_ERROR;
@@ -306,6 +316,7 @@ ViStatus vintfWSrd(ViUInt16 intfIdx, ViUInt32 NInstr, ViUInt32 timeout, ViChar* 
 
 ViStatus vintfWSwrt(ViUInt16 intfIdx, ViUInt32 NInstr, ViUInt32 timeout, ViChar* buf, ViInt32 count,
                     ViUInt16 flags, ViInt32* retcount) {
+  DRV_CALL(VI_ERROR_SYSTEM_ERROR);
   PINTFINFO intf = ws::pickIntf(intfIdx);
   ViUInt16 la = 0;
   if (!intf || !ws::instrLA(intfIdx, NInstr, &la)) return VI_ERROR_SYSTEM_ERROR;

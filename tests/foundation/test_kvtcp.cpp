@@ -209,8 +209,10 @@ TEST(MutexNames, FromHostNameAndAddressSharedAndBounded) {
   EXPECT_TRUE(semExists("_kv10_1_2_3Mutex_Intf"));
   // Another record for the same address shares the semaphore.
   open_mutex_core(twin.get(), "my-host.lab");
+  ASSERT_EQ(0, util_mutex_lock((MUTEX_TYPE)r->hCoreMutex, 0));
+  EXPECT_EQ(semValue(twin->hCoreMutex), 0);
   ReleaseCoreLock(r.get());
-  EXPECT_EQ(semValue(twin->hCoreMutex), 2);
+  EXPECT_EQ(semValue(twin->hCoreMutex), 1);
   kvtcp_Close(twin.get());
   kvtcp_Close(r.get());
   EXPECT_EQ(r->hCoreMutex, nullptr);
@@ -237,9 +239,13 @@ TEST(LockRules, Vxi11RecordUsesTheCoreMutexWithoutTakingIt) {
   EXPECT_EQ(kvtcp_Lock(r.get()), VI_SUCCESS);
   EXPECT_EQ(semValue(r->hCoreMutex), 1);  // no wait, nothing taken
   EXPECT_EQ(semValue(r->hIntfMutex), 1);
-  // The release posts what the wait never took (kept on purpose).
+  // The release posts what the wait never took (kept on purpose), but never
+  // beyond 1: the semaphore stays a binary mutex.
   kvtcp_UnLock(r.get());
-  EXPECT_EQ(semValue(r->hCoreMutex), 2);
+  EXPECT_EQ(semValue(r->hCoreMutex), 1);
+  ASSERT_EQ(0, util_mutex_lock((MUTEX_TYPE)r->hCoreMutex, 0));
+  kvtcp_UnLock(r.get());
+  EXPECT_EQ(semValue(r->hCoreMutex), 1);
   EXPECT_EQ(semValue(r->hIntfMutex), 1);
   EXPECT_EQ(r->nCoreLocked, 0);  // never below 0
   r->nCoreLocked = 2;

@@ -13,7 +13,11 @@ unsigned char slotType(KvTcpInfo* r, int i) { return __atomic_load_n(&r->hislipA
 
 std::vector<uint8_t> slotBytes(KvTcpInfo* r, int i) {
   std::vector<uint8_t> v(16);
-  for (int k = 0; k < 16; k++) v[k] = ((volatile uint8_t*)&r->hislipAsyncIn[i])[k];
+  // Whole words, atomically, as the receive thread writes them.
+  for (int k = 0; k < 4; k++) {
+    uint32_t w = __atomic_load_n((volatile uint32_t*)&r->hislipAsyncIn[i] + k, __ATOMIC_ACQUIRE);
+    memcpy(&v[4 * k], &w, 4);
+  }
   return v;
 }
 
@@ -277,7 +281,7 @@ TEST(HislipRead, PeerClosingMidMessageEndsTheWait) {
   int n;
   EXPECT_EQ(VI_ERROR_CONN_LOST, kvtcp_Read(r, 300, buf, sizeof buf, 0, 0, &n));
   // The receive thread saw its channel close, left and closed S_Intr.
-  EXPECT_TRUE(kt::eventually([&] { return r->S_Intr == 0; }));
+  EXPECT_TRUE(kt::eventually([&] { return kvLoad(r->S_Intr) == 0; }));
   EXPECT_EQ(1, r->Connected);
   ViUInt16 stb;
   EXPECT_EQ(VI_ERROR_CONN_LOST, kvtcp_ReadSTB(r, 100, &stb));
@@ -314,14 +318,14 @@ TEST(HislipAsync, RingStatusByteAndDeviceClear) {
   ViUInt16 stb = 0;
   EXPECT_EQ(VI_ERROR_TMO, kvtcp_ReadSTB(r, 20, &stb));
 
-  ASSERT_TRUE(kt::eventually([&] { return r->hislipMaximumMessageSize == 0x12345u; }));
+  ASSERT_TRUE(kt::eventually([&] { return kvLoad(r->hislipMaximumMessageSize) == 0x12345u; }));
   for (int i = 0; i < 8; i++) {
     EXPECT_EQ(25, slotType(r, i));
-    EXPECT_EQ(i, r->hislipAsyncIn[i].code);  // the ninth was dropped
+    EXPECT_EQ(i, (int)slotBytes(r, i)[3]);  // the ninth was dropped
   }
   std::vector<std::vector<uint8_t>> before;
   for (int i = 0; i < 5; i++) before.push_back(slotBytes(r, i));
-  for (int i = 5; i < 8; i++) r->hislipAsyncIn[i].msg = 0;  // as a reader frees them
+  for (int i = 5; i < 8; i++) __atomic_store_n(&r->hislipAsyncIn[i].msg, 0, __ATOMIC_RELEASE);  // as a reader frees them
 
   EXPECT_EQ(VI_SUCCESS, kvtcp_ReadSTB(r, 2000, &stb));
   EXPECT_EQ(0xFFFF, stb);
@@ -330,13 +334,13 @@ TEST(HislipAsync, RingStatusByteAndDeviceClear) {
   EXPECT_EQ(0, five[2]);
   EXPECT_EQ(0xFF, five[3]);
   EXPECT_EQ((int)0xFFFFFF04u, r->hislipOutMesageID);
-  EXPECT_TRUE(kt::eventually([&] { return r->hislipMaximumMessageSize == 0x7FFF0000u; }));
+  EXPECT_TRUE(kt::eventually([&] { return kvLoad(r->hislipMaximumMessageSize) == 0x7FFF0000u; }));
 
   EXPECT_EQ(VI_SUCCESS, kvtcp_Clear(r, 2000));
   for (int i = 0; i < 8; i++) EXPECT_EQ(0, slotType(r, i));
   EXPECT_EQ((int)0xFFFFFF00u, r->hislipOutMesageID);
 
-  EXPECT_TRUE(kt::eventually([&] { return r->S_Intr == 0; }));
+  EXPECT_TRUE(kt::eventually([&] { return kvLoad(r->S_Intr) == 0; }));
   EXPECT_EQ(1, r->Connected);
   EXPECT_EQ(VI_ERROR_CONN_LOST, kvtcp_Clear(r, 100));
   kvtcp_Close(r);
@@ -371,7 +375,7 @@ TEST(HislipAsync, ServiceRequestAndBridgeEvents) {
   KvTcpInfo* r = kt::newRecord();
   ASSERT_EQ(VI_SUCCESS, kvtcp_hislip_Connect(r, kAddr, "inst0"));
   ASSERT_TRUE(kt::eventually([] { return eventCount() == 2; }));
-  EXPECT_TRUE(kt::eventually([&] { return r->S_Intr == 0; }));
+  EXPECT_TRUE(kt::eventually([&] { return kvLoad(r->S_Intr) == 0; }));
   kvtcp_setCallback(nullptr);
   EXPECT_EQ(20, gEvents[0].first);
   EXPECT_EQ(128, gEvents[1].first);
