@@ -119,18 +119,41 @@ int kvtcp_WaitThreadGone(const KvTcpInfo* intf, ViUInt32 ms) {
 
 // ------------------------------------------------------------ sockets
 
+// Descriptors of connections are made and closed under one lock: a number
+// freed by a close is then handed out again only after that close is complete
+// and seen by whoever reuses it (a receive thread's duplicate, a reconnect's
+// socket()), never while a thread still believes it owns it.
 void kvtcp_CloseSocketField(SOCKET* s) {
-  int fd;
-  {
-    std::lock_guard<std::mutex> g(g_sockFieldMutex);
-    fd = kvLoad(*s);
-    kvStore(*s, 0);
-  }
+  std::lock_guard<std::mutex> g(g_sockFieldMutex);
+  int fd = kvLoad(*s);
+  kvStore(*s, 0);
   if (fd > 0) {
     // shutdown first: it wakes a receive thread blocked on this socket.
     shutdown(fd, SHUT_RDWR);
     close(fd);
   }
+}
+
+int kvtcp_NewSocket() {
+  std::lock_guard<std::mutex> g(g_sockFieldMutex);
+  return socket(AF_INET, SOCK_STREAM, 0);
+}
+
+// Only after a wait has said a connection is pending, so the lock is never
+// held across a blocking accept.
+int kvtcp_AcceptSocket(int lsn) {
+  std::lock_guard<std::mutex> g(g_sockFieldMutex);
+  return accept(lsn, nullptr, nullptr);
+}
+
+int kvtcp_DupSocket(int fd) {
+  std::lock_guard<std::mutex> g(g_sockFieldMutex);
+  return dup(fd);
+}
+
+void kvtcp_CloseSocket(int fd) {
+  std::lock_guard<std::mutex> g(g_sockFieldMutex);
+  if (fd >= 0) close(fd);
 }
 
 void kvtcp_OpenSocketField(SOCKET* s) {

@@ -6,9 +6,11 @@
 // needs lives beside the record, in a table keyed by its address.
 #include <errno.h>
 #include <poll.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
 
+#include <atomic>
 #include <mutex>
 #include <unordered_map>
 
@@ -19,12 +21,18 @@
 thread_local KvSyncLeft kvtcp_syncLeft;
 
 struct KvExchange {
-  std::recursive_mutex lock;
+  // A recursive lock made of a plain mutex and its owner: the nested guards
+  // of one exchange (command, answer, the driver around them) then cost a
+  // comparison each instead of a lock and an unlock.
+  std::mutex lock;
+  std::atomic<const void*> owner{nullptr};  // the owning thread's marker, or null
   int depth = 0;            // nesting of the owning thread's guards
   uint32_t owed = 0;        // whole answers still to come that nobody will read
   uint64_t skip = 0;        // unread bytes of a message already begun
   bool lost = false;        // the message framing is lost: only a new session helps
   bool abandon = false;     // the answer in progress belongs to an exchange that is over
+  char* buf = nullptr;      // scratch for joined commands and long answers, grown on demand
+  size_t cap = 0;
 };
 
 namespace {
@@ -110,14 +118,27 @@ bool readExact(SOCKET s, void* buf, size_t n, ViUInt64 deadline) {
 
 }  // namespace
 
+namespace {
+// Any address unique to the thread serves as its marker.
+thread_local char g_threadMarker;
+}  // namespace
+
 KvExchangeGuard::KvExchangeGuard(pKvTcpInfo intf) : x_(exchangeOf(intf)) {
-  x_->lock.lock();
+  const void* me = &g_threadMarker;
+  // Only this thread can have stored its own marker, so seeing it means
+  // this thread holds the lock already.
+  if (x_->owner.load(std::memory_order_relaxed) != me) {
+    x_->lock.lock();
+    x_->owner.store(me, std::memory_order_relaxed);
+  }
   x_->depth++;
 }
 
 KvExchangeGuard::~KvExchangeGuard() {
-  x_->depth--;
-  x_->lock.unlock();
+  if (--x_->depth == 0) {
+    x_->owner.store(nullptr, std::memory_order_relaxed);
+    x_->lock.unlock();
+  }
 }
 
 bool KvExchangeGuard::outermost() const { return x_->depth == 1; }
@@ -191,3 +212,15 @@ void KvExchangeGuard::ended(pKvTcpInfo intf, int status) {
 }
 
 void KvExchangeGuard::sendFailed() { x_->lost = true; }
+
+// Grows to the largest size asked for and stays there: a connection that
+// moves blocks keeps one chunk's worth (64 KiB and a little) for its life.
+char* KvExchangeGuard::buffer(size_t n) {
+  if (n > x_->cap) {
+    char* b = (char*)realloc(x_->buf, n);
+    if (!b) return nullptr;
+    x_->buf = b;
+    x_->cap = n;
+  }
+  return x_->buf;
+}

@@ -115,11 +115,11 @@ bool takeChannel(pKvTcpInfo intf, AsyncStart* st) {
   st->fd = -1;
   int s = __atomic_load_n(&intf->S_Intr, __ATOMIC_ACQUIRE);
   if (s <= 0) return false;
-  int fd = dup(s);
+  int fd = kvtcp_DupSocket(s);
   if (fd < 0) return false;
   struct stat sb;
   if (fstat(fd, &sb) != 0) {
-    close(fd);
+    kvtcp_CloseSocket(fd);
     return false;
   }
   st->fd = fd;
@@ -234,7 +234,7 @@ leave:
   // Close the record's field only while it is still our socket (we hold a
   // duplicate, so its identity cannot have been reused), then our duplicate.
   if (kvtcp_CloseSocketFieldIfSame(&intf->S_Intr, st.dev, st.ino)) KVTCP_LOG("close intr socket");
-  close(st.fd);
+  kvtcp_CloseSocket(st.fd);
 }
 
 void* asyncThreadStart(void* p) {
@@ -264,27 +264,71 @@ int sendAsync(pKvTcpInfo intf, unsigned char msg, uint32_t param) {
 // Vendor-specific payloads are rounded up to 32 bits; the up to three extra
 // bytes come from behind the caller's payload, which must have that slack.
 int hislip_SendBuf(SOCKET s, sHiSPLIP_Header* hdr, int len, const void* data) {
+  return hislip_SendParts(s, hdr, nullptr, 0, data, len, nullptr);
+}
+
+// Header and payload go out with one send: the header is joined to (the
+// first part of) the payload with one copy.  Up to kJoinOnStack bytes (every
+// register command and Word Serial chunk) are joined on the stack, so that
+// no exchange allocates; a block write is not copied at all.
+int hislip_SendParts(SOCKET s, sHiSPLIP_Header* hdr, const void* head, int headLen, const void* data, int dataLen,
+                     KvExchangeGuard* x) {
+  constexpr int kJoinOnStack = 1024;
   hdr->Prologue[0] = 'H';
   hdr->Prologue[1] = 'S';
   hdr->dataLenHigh = 0;
   // A header must never announce bytes that are not sent.
-  if (len < 0 || !data) len = 0;
+  if (headLen < 0 || !head) headLen = 0;
+  if (dataLen < 0 || !data) dataLen = 0;
+  int len = headLen + dataLen;
   if (hdr->msg == HISLIP_VendorSpecific) len = (int)(((unsigned)len + 3u) & ~3u);
   hdr->dataLen = myhtonl((uint32_t)len);
   int n = 0;
   if (len == 0) return sendAll(s, (const char*)hdr, sizeof *hdr, &n);
 
+  char onStack[sizeof(sHiSPLIP_Header) + kJoinOnStack];
+  if (head && headLen <= kJoinOnStack && len > kJoinOnStack) {
+    // A command record with a long block of data (a block write): header
+    // and record, then the caller's data straight from its memory, then the
+    // rounding bytes as zeros.  The kernel joins the parts (MSG_MORE).
+    static const char zeros[4] = {0, 0, 0, 0};
+    int pad = len - headLen - dataLen;
+    memcpy(onStack, hdr, sizeof *hdr);
+    memcpy(onStack + sizeof *hdr, head, (size_t)headLen);
+    int st = sendAllMore(s, onStack, (int)sizeof *hdr + headLen, &n);
+    if (st >= 0) st = pad ? sendAllMore(s, (const char*)data, dataLen, &n) : sendAll(s, (const char*)data, dataLen, &n);
+    if (st >= 0 && pad) st = sendAll(s, zeros, pad, &n);
+    if (st < 0) KVTCP_LOG("send s%X error %X wsa %d\n", s, (unsigned)st, errno);
+    return st;
+  }
   int first = len < kFirstSendMax ? len : kFirstSendMax;
-  char* joined = (char*)malloc(sizeof *hdr + (size_t)first);
-  if (!joined) return VI_ERROR_ALLOC;
+  size_t joinedLen = sizeof *hdr + (size_t)first;
+  char* owned = nullptr;
+  char* joined = onStack;
+  if (first > kJoinOnStack) {
+    joined = x ? x->buffer(joinedLen) : (owned = (char*)malloc(joinedLen));
+    if (!joined) return VI_ERROR_ALLOC;
+  }
   memcpy(joined, hdr, sizeof *hdr);
-  memcpy(joined + sizeof *hdr, data, (size_t)first);
-  int st = sendAll(s, joined, (int)sizeof *hdr + first, &n);
+  char* p = joined + sizeof *hdr;
+  if (headLen) memcpy(p, head, (size_t)headLen);
+  // The rest of the first send: data, then (only for a payload this short)
+  // the rounding bytes.  These come from behind the caller's data when a
+  // single part is sent, as the caller's slack allows; after a head they
+  // are zeros.
+  int fromData = first - headLen;
+  if (head && fromData > dataLen) {
+    if (dataLen) memcpy(p + headLen, data, (size_t)dataLen);
+    memset(p + headLen + dataLen, 0, (size_t)(fromData - dataLen));
+  } else if (fromData > 0) {
+    memcpy(p + headLen, data, (size_t)fromData);
+  }
+  int st = sendAll(s, joined, (int)joinedLen, &n);
   if (st < 0)
     KVTCP_LOG("send s%X error %X wsa %d\n", s, (unsigned)st, errno);
   else if (len > first)
-    st = sendAll(s, (const char*)data + first, len - first, &n);
-  free(joined);
+    st = sendAll(s, (const char*)data + (first - headLen), len - first, &n);
+  free(owned);
   return st;
 }
 
@@ -456,7 +500,7 @@ int kvtcp_hislip_Connect(pKvTcpInfo intf, const char* TcpipAddr, const char* sub
     if (rc != 0) {
       kvtcp_ThreadLeave(intf);
       kvStore(intf->Connected, 0);
-      close(st->fd);
+      kvtcp_CloseSocket(st->fd);
       free(st);
       return false;
     }
@@ -479,15 +523,12 @@ int kvtcp_hislip_Connect(pKvTcpInfo intf, const char* TcpipAddr, const char* sub
 
 // ----------------------------------------------------- bridge exchange
 
-int kvtcp_kvhislip_Write(pKvTcpInfo intf, const char* buf, int count, ViUInt16 flags, int* retcount) {
-  int dummy;
-  if (!retcount) retcount = &dummy;
-  *retcount = 0;
-  if (!intf || !isConnected(intf) || !kvLoad(intf->S_Core)) return VI_ERROR_CONN_LOST;
-  if (intf->tcpType != KVTCP_HISLIP) return VI_ERROR_NSUP_OPER;
-  KvExchangeGuard x(intf);
-  int rs = x.resync(intf);
-  if (rs < 0) return rs;
+namespace {
+
+// A bridge command (head, then data) as one vendor-specific message.
+// The command out, on a channel whose exchange guard x the caller holds.
+int sendCommand(pKvTcpInfo intf, const char* head, int headLen, const char* data, int dataLen, ViUInt16 flags,
+                KvExchangeGuard& x) {
   sHiSPLIP_Header h;
   memset(&h, 0, sizeof h);  // the parameter of a vendor-specific message is sent as 0
   h.msg = HISLIP_VendorSpecific;
@@ -495,29 +536,63 @@ int kvtcp_kvhislip_Write(pKvTcpInfo intf, const char* buf, int count, ViUInt16 f
     int st = WaitIntfLock(intf);
     if (st < 0) return st;
   }
-  int st = hislip_SendBuf(intf->S_Core, &h, count, buf);
+  int st = hislip_SendParts(intf->S_Core, &h, head, headLen, data, dataLen, &x);
   if (st < 0) x.sendFailed();
   if (st < 0 || !(flags & KVTCP_FLAG_KEEP)) ReleaseIntfLock(intf);
-  if (st >= 0) *retcount = count;
+  return st;
+}
+
+bool usableHislip(pKvTcpInfo intf) { return intf && isConnected(intf) && kvLoad(intf->S_Core); }
+
+// A bridge command (head, then data) as one vendor-specific message.
+int kvhislipWriteParts(pKvTcpInfo intf, const char* head, int headLen, const char* data, int dataLen,
+                       ViUInt16 flags, int* retcount) {
+  int dummy;
+  if (!retcount) retcount = &dummy;
+  *retcount = 0;
+  if (!usableHislip(intf)) return VI_ERROR_CONN_LOST;
+  if (intf->tcpType != KVTCP_HISLIP) return VI_ERROR_NSUP_OPER;
+  KvExchangeGuard x(intf);
+  int rs = x.resync(intf);
+  if (rs < 0) return rs;
+  int st = sendCommand(intf, head, headLen, data, dataLen, flags, x);
+  if (st >= 0) *retcount = (head ? headLen : 0) + (data && dataLen > 0 ? dataLen : 0);
+  return st;
+}
+
+}  // namespace
+
+int kvtcp_kvhislip_Write(pKvTcpInfo intf, const char* buf, int count, ViUInt16 flags, int* retcount) {
+  int st = kvhislipWriteParts(intf, nullptr, 0, buf, count, flags, retcount);
+  if (st >= 0 && retcount) *retcount = count;
   return st;
 }
 
 int kvtcp_kvhislip_Query(pKvTcpInfo intf, ViUInt32 timeout, const char* outbuf, int outcount, char* inbuf,
                          int incount, int* retcount) {
+  return kvtcp_kvhislip_QueryParts(intf, timeout, nullptr, 0, outbuf, outcount, inbuf, incount, retcount);
+}
+
+int kvtcp_kvhislip_QueryParts(pKvTcpInfo intf, ViUInt32 timeout, const char* head, int headLen, const char* data,
+                              int dataLen, char* inbuf, int incount, int* retcount) {
   int dummy;
   if (!retcount) retcount = &dummy;
   if (!intf || !isConnected(intf) || !kvLoad(intf->S_Core)) return VI_ERROR_CONN_LOST;
   *retcount = 0;
   // The command and its answer form one exchange: no other thread of this
   // process sends or reads on the channel in between.
+  // Under this one guard the write and the read go straight to their
+  // workers, with the checks kvtcp_kvhislip_Write and kvtcp_Read make.
   KvExchangeGuard x(intf);
   int st = x.resync(intf);
   if (st < 0) return st;
-  int written = 0;
-  st = kvtcp_kvhislip_Write(intf, outbuf, outcount, KVTCP_FLAG_KEEP, &written);
+  if (!usableHislip(intf)) return VI_ERROR_CONN_LOST;
+  if (intf->tcpType != KVTCP_HISLIP) return VI_ERROR_NSUP_OPER;
+  st = sendCommand(intf, head, headLen, data, dataLen, KVTCP_FLAG_KEEP, x);
   if (st >= 0) {
     kvtcp_syncLeft = KvSyncLeft();
-    st = kvtcp_Read(intf, timeout, inbuf, incount, KVTCP_FLAG_LOCKED, 0, retcount);
+    st = usableHislip(intf) ? kvtcp_hislip_Read(intf, timeout, inbuf, incount, KVTCP_FLAG_LOCKED, 0, retcount)
+                            : VI_ERROR_CONN_LOST;
     x.ended(intf, st);
   }
   return st;
@@ -544,29 +619,53 @@ int kvtcp_hislip_Write(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int count, 
 
 // One message may be read over several calls: hislipInHdr keeps the header
 // of the message in progress (type 0: none), its dataLen what is still unread.
+namespace {
+
+// The header of the next message, unless one is in progress already.
+int beginMessage(pKvTcpInfo intf, ViUInt32 timeout, ViUInt16 flags) {
+  sHiSPLIP_Header* in = &intf->hislipInHdr;
+  if (in->msg != 0) return VI_SUCCESS;
+  if (!(flags & KVTCP_FLAG_LOCKED)) {
+    int st = WaitIntfLock(intf);
+    if (st < 0) return st;
+  }
+  int st = hislip_Query(intf->S_Core, timeout, nullptr, 0, nullptr, in);
+  if (st < 0) {
+    in->msg = 0;
+    ReleaseIntfLock(intf);
+    return st;
+  }
+  if (in->msg != HISLIP_Data && in->msg != HISLIP_DataEnd && in->msg != HISLIP_VendorSpecific) {
+    kvtcp_syncLeft = {KvSyncLeft::kBytes, in->dataLen};
+    KVTCP_LOG("Wait Data/DataEnd, get unexpected %d\n", in->msg);
+    in->msg = 0;
+    ReleaseIntfLock(intf);
+    return VI_ERROR_CONN_LOST;
+  }
+  return VI_SUCCESS;
+}
+
+}  // namespace
+
+int kvtcp_hislip_Begin(pKvTcpInfo intf, ViUInt32 timeout, uint32_t* left) {
+  *left = 0;
+  if (!intf || !isConnected(intf) || !intf->S_Core) return VI_ERROR_CONN_LOST;
+  if (intf->tcpType != KVTCP_HISLIP) return VI_ERROR_NSUP_OPER;
+  KvExchangeGuard x(intf);
+  int st = x.resync(intf);
+  if (st < 0) return st;
+  st = beginMessage(intf, timeout, KVTCP_FLAG_LOCKED);
+  if (st < 0) return st;
+  *left = intf->hislipInHdr.dataLen;
+  return VI_SUCCESS;
+}
+
 int kvtcp_hislip_Read(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int count, ViUInt16 flags, char eos,
                       int* retcount) {
   if (!buf || count < 0) count = 0;
   sHiSPLIP_Header* in = &intf->hislipInHdr;
-  if (in->msg == 0) {
-    if (!(flags & KVTCP_FLAG_LOCKED)) {
-      int st = WaitIntfLock(intf);
-      if (st < 0) return st;
-    }
-    int st = hislip_Query(intf->S_Core, timeout, nullptr, 0, nullptr, in);
-    if (st < 0) {
-      in->msg = 0;
-      ReleaseIntfLock(intf);
-      return st;
-    }
-    if (in->msg != HISLIP_Data && in->msg != HISLIP_DataEnd && in->msg != HISLIP_VendorSpecific) {
-      kvtcp_syncLeft = {KvSyncLeft::kBytes, in->dataLen};
-      KVTCP_LOG("Wait Data/DataEnd, get unexpected %d\n", in->msg);
-      in->msg = 0;
-      ReleaseIntfLock(intf);
-      return VI_ERROR_CONN_LOST;
-    }
-  }
+  int begun = beginMessage(intf, timeout, flags);
+  if (begun < 0) return begun;
   intf->hislipInMesageID = (int)myntohl(in->param);
 
   uint32_t remaining = in->dataLen;

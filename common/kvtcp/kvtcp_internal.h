@@ -60,6 +60,12 @@ void kvtcp_OpenSocketField(SOCKET* s);
 // Closes *s (if open) and sets it to 0, atomically with respect to the other
 // closers of the same field, so one descriptor is never closed twice.
 void kvtcp_CloseSocketField(SOCKET* s);
+// Making, accepting, duplicating and closing a connection's descriptor, under
+// the same lock as the above.
+int kvtcp_NewSocket();
+int kvtcp_AcceptSocket(int lsn);
+int kvtcp_DupSocket(int fd);
+void kvtcp_CloseSocket(int fd);
 // Closes *s only if it still refers to the socket object (dev, ino) that the
 // caller knows (a receive thread holds a dup of it, so the identity cannot
 // be reused meanwhile).  Returns 1 when it closed the field.
@@ -105,6 +111,10 @@ class KvExchangeGuard {
   void sendFailed();
   // A new session (or none): nothing owed.
   void reset();
+  // The connection's own scratch buffer, at least n bytes, kept from one
+  // exchange to the next so that exchanges allocate nothing once it has
+  // grown.  Valid while this guard is held; null if it cannot grow.
+  char* buffer(size_t n);
 
  private:
   KvExchange* x_;
@@ -140,8 +150,27 @@ int kvtcp_vxi11_Read(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int count, Vi
 int kvtcp_vxi11_ReadSTB(pKvTcpInfo intf, ViUInt32 tmo, ViUInt16* stb);
 int kvtcp_vxi11_Clear(pKvTcpInfo intf, ViUInt32 tmo);
 
+// sendAll for a part of a message whose rest follows at once: the kernel
+// holds it back (MSG_MORE) so that the parts leave in full segments.
+int sendAllMore(SOCKET s, const char* buf, int len, int* nWrite);
+
 // HiSLIP internals.
 int hislip_SendBuf(SOCKET s, sHiSPLIP_Header* hdr, int len, const void* data);
+// One message whose payload is head followed by data (either may be empty),
+// sent as hislip_SendBuf sends one payload.  Small messages are joined on
+// the stack and sent at once; with a head, long data goes out from where it
+// is, behind the header and head (no copy); a long single payload is joined
+// in x's buffer (x may be null: a temporary one is allocated).
+int hislip_SendParts(SOCKET s, sHiSPLIP_Header* hdr, const void* head, int headLen, const void* data, int dataLen,
+                     KvExchangeGuard* x);
+// Waits for the header of the answer on a HiSLIP synchronous channel (unless
+// a message is in progress already) and reports the unread length of its
+// payload, reading none of it; kvtcp_Read then takes the payload in parts.
+int kvtcp_hislip_Begin(pKvTcpInfo intf, ViUInt32 timeout, uint32_t* left);
+// kvtcp_kvhislip_Query with the command given in two parts (a record and
+// the data behind it), so that callers need not join them first.
+int kvtcp_kvhislip_QueryParts(pKvTcpInfo intf, ViUInt32 timeout, const char* head, int headLen, const char* data,
+                              int dataLen, char* inbuf, int incount, int* retcount);
 int hislip_Query(SOCKET s, ViUInt32 tmo, sHiSPLIP_Header* outHdr, int len, const void* data,
                  sHiSPLIP_Header* inHdr);
 void* hislipAsyncRecvThread(void* intf);

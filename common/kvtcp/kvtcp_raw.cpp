@@ -40,7 +40,7 @@ int kvtcp_sock_Connect(pKvTcpInfo intf, const char* TcpipAddr, unsigned short So
     // Dotted addresses only: a name (or an unparsable text) is never turned
     // into the broadcast address that inet_addr reports for it.
     if (intf->Addr.sin_addr.s_addr != INADDR_NONE) {
-      intf->S_Core = socket(AF_INET, SOCK_STREAM, 0);
+      intf->S_Core = kvtcp_NewSocket();
       if (intf->S_Core == 0xFFFF) intf->S_Core = 0;  // kept as designed; -1 fails in the connect below
       if (intf->S_Core != 0 && ConnectTmo(intf->S_Core, &intf->Addr) >= 0) {
         char off = 0, on = 1;

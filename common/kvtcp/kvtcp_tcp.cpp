@@ -66,13 +66,14 @@ int CheckForRecv(SOCKET s, ViUInt32 tmo) {
   return 0;
 }
 
-int sendAll(SOCKET s, const char* buf, int len, int* nWrite) {
+namespace {
+int sendAllFlags(SOCKET s, const char* buf, int len, int flags, int* nWrite) {
   int dummy;
   if (!nWrite) nWrite = &dummy;
   *nWrite = 0;
   int retry = 0;
   for (;;) {
-    ssize_t r = kvtcp_sys_send(s, buf, len > 0 ? (size_t)len : 0, MSG_NOSIGNAL);
+    ssize_t r = kvtcp_sys_send(s, buf, len > 0 ? (size_t)len : 0, MSG_NOSIGNAL | flags);
     if (r != -1) {
       *nWrite += (int)r;
       buf += r;
@@ -90,6 +91,13 @@ int sendAll(SOCKET s, const char* buf, int len, int* nWrite) {
     }
     return VI_ERROR_CONN_LOST;
   }
+}
+}  // namespace
+
+int sendAll(SOCKET s, const char* buf, int len, int* nWrite) { return sendAllFlags(s, buf, len, 0, nWrite); }
+
+int sendAllMore(SOCKET s, const char* buf, int len, int* nWrite) {
+  return sendAllFlags(s, buf, len, MSG_MORE, nWrite);
 }
 
 // A peer that has closed makes every wait succeed at once with an empty

@@ -101,7 +101,7 @@ void fillGeneric(Device_GenericParms* g, pKvTcpInfo intf, ViUInt32 tmo) {
 }
 
 SOCKET newSocket() {
-  SOCKET s = socket(AF_INET, SOCK_STREAM, 0);
+  SOCKET s = kvtcp_NewSocket();
   if (s == 0xFFFF || s < 0) s = 0;  // 0xFFFF is the transport's "no socket"
   return s;
 }

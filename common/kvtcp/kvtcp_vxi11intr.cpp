@@ -106,13 +106,13 @@ void receiveLoop(pKvTcpInfo intf, int fd, dev_t dev, ino_t ino) {
 void* vxi11InterruptConn(void* X) {
   pKvTcpInfo intf = (pKvTcpInfo)X;
   bool coreHeld = false;
-  int lsn = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+  int lsn = kvtcp_NewSocket();
   int mine = -1;  // the thread's own duplicate of the accepted channel
   dev_t dev = 0;
   ino_t ino = 0;
   do {
     if (lsn == 0xFFFF || lsn < 0) {
-      if (lsn == 0xFFFF) close(lsn);
+      if (lsn == 0xFFFF) kvtcp_CloseSocket(lsn);
       lsn = -1;
       break;
     }
@@ -162,22 +162,22 @@ void* vxi11InterruptConn(void* X) {
 
     KVTCP_LOG("Waiting for client to connect...\n");
     if (!CheckForRecv(lsn, 2000)) break;
-    int s = accept(lsn, nullptr, nullptr);
+    int s = kvtcp_AcceptSocket(lsn);
     if (s == 0xFFFF) {
-      close(s);
+      kvtcp_CloseSocket(s);
       break;
     }
     if (s < 0) break;
-    mine = dup(s);
+    mine = kvtcp_DupSocket(s);
     struct stat sb;
     if (mine < 0 || fstat(mine, &sb) != 0) {
-      close(s);
+      kvtcp_CloseSocket(s);
       break;
     }
     dev = sb.st_dev;
     ino = sb.st_ino;
     __atomic_store_n(&intf->S_Intr, s, __ATOMIC_RELEASE);
-    close(lsn);
+    kvtcp_CloseSocket(lsn);
     lsn = -1;
     KVTCP_LOG("Client connected.\n");
     ReleaseCoreLock(intf);
@@ -193,9 +193,9 @@ void* vxi11InterruptConn(void* X) {
   // (the duplicate keeps its identity from being reused meanwhile).
   if (mine >= 0) {
     kvtcp_CloseSocketFieldIfSame(&intf->S_Intr, dev, ino);
-    close(mine);
+    kvtcp_CloseSocket(mine);
   }
-  if (lsn >= 0) close(lsn);
+  if (lsn >= 0) kvtcp_CloseSocket(lsn);
   return nullptr;
 }
 

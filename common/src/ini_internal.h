@@ -29,12 +29,17 @@ struct IniStructForwardReferenceTag {
   Handle stringCache;
 };
 
+// Sections and items keep, beside their name, its sort key: the trimmed
+// name folded to lower case once, when it is stored, so that sorting and
+// binary search compare plain bytes.  A null key (a name changed after it
+// was stored) makes comparisons fold the name itself.
 struct IniSectionStructTag {
   char* sectionName;
   ListType entryList;
   ListType internallySortedEntryList;
   char sorted;
   int sourceLine;
+  char* key;
 };
 
 struct _iniEntryStruct {
@@ -42,6 +47,7 @@ struct _iniEntryStruct {
   char* value;
   int sourceLine;
   int addMarkerQuotes;
+  char* key;
 };
 
 struct LineFileForwardReferenceTag {

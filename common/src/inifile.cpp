@@ -9,6 +9,7 @@
 #include <strings.h>
 #include <ctype.h>
 
+#include "chartables.h"
 #include "ini_internal.h"
 
 // ---------------------------------------------------------------- name comparison
@@ -19,25 +20,53 @@
 // surrounding white space ignored), so a search always agrees with the
 // order the list was sorted in; equality is the same as that of
 // stricmpWithoutSurrWhiteSpace.
+//
+// Sorting and every look-up compare names many times over, so nothing is
+// trimmed or measured up front: the names are walked once, equal bytes are
+// taken without folding, and trailing white space is looked at only where
+// the two names first differ.  The result is that of comparing the two
+// trimmed names.
+static bool OnlySpaceFrom(const CharTables& t, const char* p) {
+  while (*p && t.space((unsigned char)*p)) ++p;
+  return *p == 0;
+}
+
 static int CompareTrimmedNoCase(const char* a, const char* b) {
   if (!a || !b) return a ? 1 : (b ? -1 : 0);
-  a = SkipWhiteSpace(a);
-  b = SkipWhiteSpace(b);
-  size_t la = strlen(a), lb = strlen(b);
-  while (la > 0 && isspace((unsigned char)a[la - 1])) --la;
-  while (lb > 0 && isspace((unsigned char)b[lb - 1])) --lb;
-  size_t n = la < lb ? la : lb;
-  for (size_t i = 0; i < n; ++i) {
-    int ca = tolower((unsigned char)a[i]), cb = tolower((unsigned char)b[i]);
-    if (ca != cb) return ca < cb ? -1 : 1;
+  CharTables t;
+  while (*a && t.space((unsigned char)*a)) ++a;
+  while (*b && t.space((unsigned char)*b)) ++b;
+  for (;; ++a, ++b) {
+    unsigned char x = (unsigned char)*a, y = (unsigned char)*b;
+    if (x == y) {
+      if (!x) return 0;
+      continue;
+    }
+    int ca = t.fold(x), cb = t.fold(y);
+    if (ca == cb) continue;
+    // First difference.  Up to here both names hold the same characters
+    // (white space folds to itself only), so a name whose rest is all
+    // white space ends here once trimmed: it is the shorter one, or both
+    // trimmed names are equal.
+    bool endA = OnlySpaceFrom(t, a), endB = OnlySpaceFrom(t, b);
+    if (endA || endB) return endA && endB ? 0 : (endA ? -1 : 1);
+    return ca < cb ? -1 : 1;
   }
-  return la < lb ? -1 : (la > lb ? 1 : 0);
+}
+
+// Keys compare as unsigned bytes: the order of the folded characters that
+// CompareTrimmedNoCase uses, and a shorter key (its NUL) first.
+static int KeyCompare(const char* a, const char* b) {
+  while (*a && *a == *b) ++a, ++b;
+  unsigned char x = (unsigned char)*a, y = (unsigned char)*b;
+  return x == y ? 0 : (x < y ? -1 : 1);
 }
 
 static int SectionNameCompare(const void* a, const void* b) {
   IniSection x, y;
   memcpy(&x, a, sizeof x);
   memcpy(&y, b, sizeof y);
+  if (x->key && y->key) return KeyCompare(x->key, y->key);
   return CompareTrimmedNoCase(x->sectionName, y->sectionName);
 }
 
@@ -45,21 +74,55 @@ static int EntryNameCompare(const void* a, const void* b) {
   IniEntry x, y;
   memcpy(&x, a, sizeof x);
   memcpy(&y, b, sizeof y);
+  if (x->key && y->key) return KeyCompare(x->key, y->key);
   return CompareTrimmedNoCase(x->name, y->name);
+}
+
+// The trimmed extent of a name.
+static void Trimmed(const CharTables& t, const char* name, const char** start, size_t* len) {
+  while (*name && t.space((unsigned char)*name)) ++name;
+  size_t n = strlen(name);
+  while (n > 0 && t.space((unsigned char)name[n - 1])) --n;
+  *start = name;
+  *len = n;
+}
+
+static void FoldInto(const CharTables& t, char* dst, const char* src, size_t n) {
+  for (size_t i = 0; i < n; ++i) dst[i] = (char)t.fold((unsigned char)src[i]);
+  dst[n] = 0;
+}
+
+// The key of a name given for a look-up, in buf (INI_LINE_BUF bytes); null
+// for a name too long for it, which is then compared the slow way.
+static char* LookupKey(const char* name, char* buf) {
+  CharTables t;
+  const char* start;
+  size_t n;
+  Trimmed(t, name, &start, &n);
+  if (n >= INI_LINE_BUF) return nullptr;
+  FoldInto(t, buf, start, n);
+  return buf;
 }
 
 // ---------------------------------------------------------------- records
 
+// A section or item is one allocation: the record, then its strings (name,
+// value, key), so that reading a file costs one allocation per line.  A
+// string replaced later (coalescing) is a separate allocation of its own.
+static char* InlineBase(void* record, size_t recordSize) { return (char*)record + recordSize; }
+
 static void DisposeEntry(IniEntry entry) {
   if (!entry) return;
-  free(entry->name);
-  free(entry->value);
+  char* name = InlineBase(entry, sizeof *entry);
+  char* value = name + strlen(name) + 1;
+  if (entry->name != name) free(entry->name);
+  if (entry->value != value) free(entry->value);
   free(entry);
 }
 
 static void DisposeSection(IniSection section) {
   if (!section) return;
-  free(section->sectionName);
+  if (section->sectionName != InlineBase(section, sizeof *section)) free(section->sectionName);
   int n = ListNumItems(section->entryList);
   for (int i = 1; i <= n; ++i) {
     IniEntry e = nullptr;
@@ -72,28 +135,52 @@ static void DisposeSection(IniSection section) {
 }
 
 static IniSection NewSection(const char* name, char sorted, int sourceLine) {
-  IniSection s = (IniSection)calloc(1, sizeof *s);
+  if (!name) return nullptr;
+  CharTables t;
+  const char* start;
+  size_t n;
+  Trimmed(t, name, &start, &n);
+  IniSection s = (IniSection)malloc(sizeof *s + 2 * (n + 1));
   if (!s) return nullptr;
-  s->sectionName = StrDupWithoutSurrWhiteSpace(name);
+  memset(s, 0, sizeof *s);
+  s->sectionName = InlineBase(s, sizeof *s);
+  memcpy(s->sectionName, start, n);
+  s->sectionName[n] = 0;
+  s->key = s->sectionName + n + 1;
+  FoldInto(t, s->key, start, n);
   s->entryList = ListCreate(sizeof(IniEntry));
-  if (!s->sectionName || !s->entryList) {
+  if (!s->entryList) {
     DisposeSection(s);
     return nullptr;
   }
+  ListPreAllocate(s->entryList, 16);  // room for a typical section at once (a failure only defers it)
   s->sorted = sorted;
   s->sourceLine = sourceLine;
   return s;
 }
 
 static IniEntry NewEntry(const char* name, const char* value, int sourceLine) {
-  IniEntry e = (IniEntry)calloc(1, sizeof *e);
+  if (!name || !value) return nullptr;
+  CharTables t;
+  const char* start;
+  size_t n;
+  Trimmed(t, name, &start, &n);
+  // The value as StrDupWithoutQuotes stores it.
+  size_t vlen = strlen(value);
+  int quoted = vlen >= 2 && value[0] == '"' && value[vlen - 1] == '"';
+  const char* v = quoted ? value + 1 : value;
+  if (quoted) vlen -= 2;
+  IniEntry e = (IniEntry)malloc(sizeof *e + 2 * (n + 1) + vlen + 1);
   if (!e) return nullptr;
-  e->name = StrDupWithoutSurrWhiteSpace(name);
-  e->value = StrDupWithoutQuotes(value, &e->addMarkerQuotes);
-  if (!e->name || !e->value) {
-    DisposeEntry(e);
-    return nullptr;
-  }
+  e->name = InlineBase(e, sizeof *e);
+  memcpy(e->name, start, n);
+  e->name[n] = 0;
+  e->value = e->name + n + 1;
+  memcpy(e->value, v, vlen);
+  e->value[vlen] = 0;
+  e->key = e->value + vlen + 1;
+  FoldInto(t, e->key, start, n);
+  e->addMarkerQuotes = quoted;
   e->sourceLine = sourceLine;
   return e;
 }
@@ -246,11 +333,13 @@ IniSection Ini_FindSection(IniText theIniText, const char* sectionName) {
   struct IniSectionStructTag keyRecord;
   memset(&keyRecord, 0, sizeof keyRecord);
   keyRecord.sectionName = (char*)sectionName;
+  char keyBuf[INI_LINE_BUF];
   IniSection key = &keyRecord;
   IniSection found = nullptr;
   ListType list = theIniText->internallySortedList;
   if (list || theIniText->sorted) {
     if (!list) list = theIniText->sectionList;
+    keyRecord.key = LookupKey(sectionName, keyBuf);
     int at = ListBinSearch(list, &key, SectionNameCompare);
     if (at > 0) ListGetItem(list, &found, at);
   } else {
@@ -269,11 +358,13 @@ IniEntry Ini_FindEntry(IniSection section, const char* itemName) {
   struct _iniEntryStruct keyRecord;
   memset(&keyRecord, 0, sizeof keyRecord);
   keyRecord.name = (char*)itemName;
+  char keyBuf[INI_LINE_BUF];
   IniEntry key = &keyRecord;
   IniEntry found = nullptr;
   ListType list = section->internallySortedEntryList;
   if (list || section->sorted) {
     if (!list) list = section->entryList;
+    keyRecord.key = LookupKey(itemName, keyBuf);
     int at = ListBinSearch(list, &key, EntryNameCompare);
     if (at > 0) ListGetItem(list, &found, at);
   } else {
@@ -461,10 +552,12 @@ int CoalesceMultiLineItems(IniSection section, int first, int last) {
     ListRemoveItem(section->entryList, &e, i);
     DisposeEntry(e);
   }
-  free(head->value);
-  free(head->name);
+  char* inlineName = InlineBase(head, sizeof *head);
+  if (head->value != inlineName + strlen(inlineName) + 1) free(head->value);
+  if (head->name != inlineName) free(head->name);
   head->value = value;
   head->name = name;
+  head->key = nullptr;  // the name changed: compared by folding from now on
   return 0;
 }
 

@@ -2,6 +2,8 @@
 // Nothing here logs; failures are reported by results only.
 #include "toolbox.h"
 
+#include "chartables.h"
+
 #include <ctype.h>
 #include <stdint.h>
 #include <stdlib.h>
@@ -290,7 +292,7 @@ void InsertionSort(void* array, int numElements, int elemSize, CompareFunction c
 
 // ---------------------------------------------------------------- strings
 
-static inline int IsSpace(char c) { return isspace((unsigned char)c); }
+static inline int IsSpace(char c) { return CharTables().space((unsigned char)c); }
 
 char* StrDupl(const char* str) {
   if (!str) return nullptr;
@@ -382,17 +384,27 @@ int stricmpWithoutSurrWhiteSpace(const char* s1, const char* s2) {
   if (!s1 && !s2) return 0;
   if (!s1) return -1;
   if (!s2) return 1;
-  s1 = SkipWhiteSpace(s1);
-  s2 = SkipWhiteSpace(s2);
+  CharTables t;
+  while (*s1 && t.space((unsigned char)*s1)) ++s1;
+  while (*s2 && t.space((unsigned char)*s2)) ++s2;
   while (*s1 && *s2) {
-    signed char c1 = (signed char)toupper((unsigned char)*s1);
-    signed char c2 = (signed char)toupper((unsigned char)*s2);
+    if (*s1 == *s2) {  // equal bytes are equal in any case; only differing ones are folded
+      ++s1;
+      ++s2;
+      continue;
+    }
+    signed char c1 = (signed char)t.up((unsigned char)*s1);
+    signed char c2 = (signed char)t.up((unsigned char)*s2);
     if (c1 != c2) return c1 < c2 ? -1 : 1;
     ++s1;
     ++s2;
   }
-  if (!*s1) return *SkipWhiteSpace(s2) ? -1 : 0;
-  return *SkipWhiteSpace(s1) ? 1 : 0;
+  if (!*s1) {
+    while (*s2 && t.space((unsigned char)*s2)) ++s2;
+    return *s2 ? -1 : 0;
+  }
+  while (*s1 && t.space((unsigned char)*s1)) ++s1;
+  return *s1 ? 1 : 0;
 }
 
 int SpliceCommaSeparatedList(const char* list1, const char* list2, char** result) {

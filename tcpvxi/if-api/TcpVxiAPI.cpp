@@ -135,7 +135,7 @@ void tcpvxi_stop(void) {
     tcpvxiGD = nullptr;
     drvUnlock();
     util_mutex_close(shmemNameTcpvxi, &hMutexTcpVxiRM);
-    memset(Interfaces, 0, sizeof Interfaces);
+    memset((void*)Interfaces, 0, sizeof Interfaces);  // back to the loaded state
   } else {
     VINTF_LOG("calls still in flight: the block and the mutex stay open\n");
     tcpvxiGD = nullptr;

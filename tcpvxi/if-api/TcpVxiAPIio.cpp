@@ -11,7 +11,7 @@
 #include "kvlog.h"
 
 #ifndef VI_ERROR_INV_SPACE
-#define VI_ERROR_INV_SPACE ((ViStatus)0xBFFF006E)
+#define VI_ERROR_INV_SPACE ((ViStatus)0xBFFF004E)
 #endif
 #ifndef VI_ERROR_INV_MODE
 #define VI_ERROR_INV_MODE ((ViStatus)0xBFFF0091)

@@ -52,8 +52,11 @@ ViStatus GetResmanText(INTFINFO* intf, unsigned char* buf, int maxlen) {
   VINTF_LOG("\n");
   buf[0] = 0;
   if (maxlen < 0) maxlen = 0;
-  char* answ = (char*)calloc(1, (size_t)maxlen + 4);
+  // Only the status word needs a defined value before the answer lands:
+  // the text is copied no further than the bytes received.
+  char* answ = (char*)malloc((size_t)maxlen + 4);
   if (!answ) return VI_ERROR_ALLOC;
+  memset(answ, 0, 4);
   sVxiCmd cmd;
   cmd.cmd = VXICMD_RESMAN;
   cmd.tmo = 0;  // not used by the bridge for this command
@@ -248,7 +251,8 @@ ViStatus vintfFillResources(ViBoolean firstInit) {
       SHAREDINTFINFO* g = &tcpvxiGD->Intf[i];
       VINTF_LOG("intf%d (%s) connected=%d\n", i, g->Addr, kvLoad(intf->kvtcp.Connected));
       if (kvLoad(intf->kvtcp.Connected)) {
-        unsigned char* text = (unsigned char*)calloc(1, RESMAN_TEXT_MAX + 1);
+        // GetResmanText terminates what it stores: no zero-fill needed.
+        unsigned char* text = (unsigned char*)malloc(RESMAN_TEXT_MAX + 1);
         if (text) {
           sLineTextInput src;
           src.buf = text;

@@ -7,6 +7,7 @@
 
 #include "raw_hislip.h"
 #include "sim.h"
+#include "tcpvxi_version.h"
 
 namespace {
 
@@ -54,12 +55,15 @@ TEST(Program, CommandLine) {
   EXPECT_EQ(run({"--help"}, &out), 0);
   for (const char* w : {"--address", "--raw-port", "--control-port", "--allow-any-address", "irq <line> <statid>"})
     EXPECT_NE(out.find(w), std::string::npos) << w;
+  EXPECT_EQ(run({"--version"}, &out), 0);
+  EXPECT_EQ(out, "tcpvxi-bridge-sim " TCPVXI_VERSION "\n");
   EXPECT_EQ(run({"--print-resources"}, &out), 0);
   EXPECT_EQ(out, bridgesim::Bridge().resourceText());
 
   EXPECT_EQ(run({"--address", "192.0.2.1"}, &out), 2);  // refused, never bound
   EXPECT_NE(out.find("--allow-any-address"), std::string::npos);
-  for (auto bad : {std::vector<std::string>{"--port", "70000"}, {"--error-reply", "maybe"}, {"--no-such-option"}})
+  for (auto bad : {std::vector<std::string>{"--port", "70000"}, {"--port", "12x"}, {"--error-reply", "maybe"},
+                   {"--cmd-status", "3"}, {"--no-such-option"}, {"stray"}})
     EXPECT_EQ(run(bad, &out), 2) << bad[0];
 
   bridgesim::ServerOptions o;

@@ -75,3 +75,44 @@ TEST_F(Hostile, NothingTakenEndsTheMoveAndUnknownStateBitsAreDropped) {
     EXPECT_EQ(expect, v) << bits;
   }
 }
+
+// Block-read answers of every shape, well-formed or not, each followed on the
+// same connection by the next: the status, the element count and the bytes
+// that reach the caller's memory (8 bytes of D08 asked for; the rest of the
+// buffer must stay untouched).
+TEST_F(Hostile, BlockReadAnswersOfAnyShapeGiveTheSameResults) {
+  auto bytes = [](std::initializer_list<uint32_t> w, const char* data, size_t n, std::initializer_list<uint32_t> tail) {
+    Bytes b = words(w);
+    b.insert(b.end(), data, data + n);
+    Bytes t = words(tail);
+    b.insert(b.end(), t.begin(), t.end());
+    return b;
+  };
+  struct Case {
+    const char* what;
+    Bytes answer;
+    ViStatus status;
+    ViInt32 count;
+    std::string data;
+  };
+  const Case cases[] = {
+      {"whole words, trailer", bytes({0, 5}, "abcde\0\0\0", 8, {7}), 7, 5, "abcde"},
+      {"positive status, no trailer", bytes({1, 2}, "xy\0\0", 4, {}), 1, 2, "xy"},
+      {"fewer bytes than counted", bytes({0, 8}, "abcd", 4, {}), VI_ERROR_IO, 4, "abcd"},
+      {"length not whole words", bytes({1, 2}, "xy", 2, {}), 1, 2, "xy"},
+      {"longer than asked for", bytes({0, 2}, "pq\0\0", 4, {0, 1, 2, 3, 4}), 0, 2, "pq"},
+      {"error status alone", words({0xBFFF0038u}), (ViStatus)0xBFFF0038u, -1, ""},
+      {"status cut short", Bytes{1, 0}, 1, 0, ""},
+      {"whole words again", bytes({0, 3}, "klm\0", 4, {0}), 0, 3, "klm"},
+  };
+  for (const Case& k : cases) {
+    answer([a = k.answer](const Bytes&) -> std::optional<Bytes> { return a; });
+    sVxiCmd_INBUFq cmd = {7u | 0x00400000u | 0x00080000u, 12, 0x100, 8};
+    char buf[12];
+    memset(buf, 'Z', sizeof buf);
+    ViInt32 count = -1;
+    EXPECT_EQ(k.status, intfWriteCmdReadBuf(&Interfaces[0], &cmd, buf, 8, &count)) << k.what;
+    EXPECT_EQ(k.count, count) << k.what;
+    EXPECT_EQ(k.data + std::string(sizeof buf - k.data.size(), 'Z'), std::string(buf, sizeof buf)) << k.what;
+  }
+}

@@ -173,8 +173,8 @@ TEST_F(Registers, RefusedAndEmptyCallsSendNothing) {
   ViUInt16 h = 7;
   ViInt32 n = 9;
   char b[8] = {};
-  EXPECT_EQ((ViStatus)0xBFFF006E, vintfIn16(0, 0, 4, 0, &h));
-  EXPECT_EQ((ViStatus)0xBFFF006E, vintfOut8(0, 0, 0xFFFF, 0, 1));
+  EXPECT_EQ((ViStatus)0xBFFF004E, vintfIn16(0, 0, 4, 0, &h));
+  EXPECT_EQ((ViStatus)0xBFFF004E, vintfOut8(0, 0, 0xFFFF, 0, 1));
   EXPECT_EQ((ViStatus)0xBFFF0091, vintfIn16(0, 8, 2, 0, &h));
   EXPECT_EQ((ViStatus)0xBFFF0091, vintfMoveOut8(0, kSwap | 1, 2, 1, 0, 1, (ViUInt8*)&h));
   // The 8-bit Poke takes the whole mode as the privilege: with the swap bit

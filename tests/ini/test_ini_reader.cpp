@@ -220,6 +220,25 @@ TEST(Parser, SortingAndInternalSorting) {
   Ini_Dispose(doc);
 }
 
+// Sorted look-ups against a plain linear scan of the same names: every name
+// (case, surrounding blanks, a coalesced name that keeps its blank, a name
+// longer than a line's parse buffer given as the key) finds exactly what
+// the unsorted document finds.
+TEST(Parser, SortedLookupsFindWhatALinearScanFinds) {
+  std::string longKey(300, 'q');
+  std::vector<std::string> lines = {"[ Zeta ]", "B=1", "a b=2", "Text Line1=x", "Text Line2=y", "_=3", "[ALPHA]",
+                                    "k=4", "[alpha2]", "K=5"};
+  IniText sorted = Read(lines, 1), plain = Read(lines, 0);
+  const char* keys[][2] = {{"zeta", "b"},     {" ZETA ", " B "}, {"Zeta", "A B"},   {"zeta", "a  b"},
+                           {"zeta", "text"},  {"zeta", "TEXT "}, {"zeta", "_"},     {"alpha", "K"},
+                           {"Alpha2", "k "},  {"alpha", "k2"},   {"alph", "k"},     {"zeta", longKey.c_str()},
+                           {longKey.c_str(), "k"}};
+  for (auto& k : keys) EXPECT_EQ(Raw(plain, k[0], k[1]), Raw(sorted, k[0], k[1])) << k[0] << "/" << k[1];
+  EXPECT_EQ(Raw(sorted, " zeta", "TEXT"), "xy");
+  Ini_Dispose(sorted);
+  Ini_Dispose(plain);
+}
+
 // A source that ignores the length limit and fills the whole buffer without
 // a terminator on its first two calls: the reader still keeps to its buffer.
 int OverfillingSource(void* state, char* buf, int max, int* end, int*) {

@@ -28,6 +28,12 @@ inline std::string pattern(size_t n) {
   return s;
 }
 
+// What "DATA? n" answers: an IEEE 488.2 definite-length block and the terminator.
+inline std::string block(size_t n) {
+  std::string len = std::to_string(n);
+  return "#" + std::to_string(len.size()) + len + pattern(n) + "\n";
+}
+
 // A real rpcbind, private to the test's namespace (its socket and lock live
 // under a fresh /run).
 struct Rpcbind {

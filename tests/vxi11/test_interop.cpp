@@ -30,9 +30,8 @@ void talkWithLxi(vxi11sim::Simulator& sim, const char* addr) {
   ASSERT_EQ(lxi_send(dev, data, (int)strlen(data), 2000), (int)strlen(data));
   std::vector<char> big(4000);
   n = lxi_receive(dev, big.data(), (int)big.size(), 2000);
-  ASSERT_EQ(n, 3000);
-  EXPECT_EQ(big[0], 'A');
-  EXPECT_EQ(big[2999], (char)('A' + 2999 % 26));
+  ASSERT_GT(n, 0);
+  EXPECT_EQ(std::string(big.data(), (size_t)n), block(3000));
 
   auto w = sim.writes();
   ASSERT_EQ(w.size(), 2u);

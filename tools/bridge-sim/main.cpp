@@ -1,7 +1,7 @@
 // tcpvxi-bridge-sim: a simulated LAN-to-VXI bridge on the local machine.
-#include <getopt.h>
 #include <signal.h>
 
+#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -10,166 +10,126 @@
 #include <string>
 
 #include "sim.h"
+#include "tcpvxi_version.h"
 
 namespace {
-
-const char* kUsage =
-    "Usage: tcpvxi-bridge-sim [options]\n"
-    "A simulated LAN-to-VXI bridge: a HiSLIP server with a VXI mainframe behind it.\n"
-    "\n"
-    "Network:\n"
-    "  -a, --address ADDR       listen address, dotted IPv4 (default 127.0.0.1); addresses\n"
-    "                           outside 127.0.0.0/8 are refused without --allow-any-address\n"
-    "      --allow-any-address  allow a listen address outside the loopback network\n"
-    "  -p, --port N             HiSLIP port (default 4880; 0 picks a free one)\n"
-    "      --raw-port N         also serve the bridge's instrument as line-terminated text\n"
-    "                           over plain TCP on port N (\"*IDN?\\n\" and so on)\n"
-    "      --control-port N     text control port on N, loopback only (see below)\n"
-    "      --max-sessions N     refuse further sessions with FatalError (default 256)\n"
-    "      --synchronized       offer the synchronized mode instead of overlapped\n"
-    "\n"
-    "Mainframe:\n"
-    "  -m, --mainframe FILE     mainframe description (INI); default: the built-in mainframe\n"
-    "      --print-resources    print the bridge's resource text and exit\n"
-    "\n"
-    "Logging (standard error, time-stamped):\n"
-    "  -v, --verbose            more: once every message, twice payload dumps\n"
-    "  -q, --quiet              errors only\n"
-    "\n"
-    "Faults for the whole run (the control port switches them at run time):\n"
-    "      --delay MS           answer every request MS milliseconds late\n"
-    "      --never-answer       take requests but never answer them\n"
-    "      --close-mid N        close the session after N bytes of the first answer\n"
-    "      --malformed-header   the first answer goes out with a broken header\n"
-    "      --error-reply KIND   answer requests with \"error\" (Error) or \"fatal\"\n"
-    "                           (FatalError, then the session is closed)\n"
-    "      --flood N            N interrupt reports on the async channel before the first answer\n"
-    "      --cmd-status C=S     bridge command code C (-1: every code) answers status S\n"
-    "      --cmd-empty C        bridge command code C answers an empty message\n"
-    "      --cmd-inflate C      bridge command code C claims more data than asked\n"
-    "      --busy-tries N       Word Serial commands answer a time-out N times first\n"
-    "\n"
-    "  -h, --help               this text\n"
-    "\n"
-    "Control port: connect with any line-oriented TCP client (e.g. nc 127.0.0.1 N) and\n"
-    "type one command per line; each reply ends with a line \"OK ...\" or \"ERR ...\".\n";
-
-enum LongOnly {
-  OptAllowAny = 1000,
-  OptRawPort,
-  OptControlPort,
-  OptMaxSessions,
-  OptSynchronized,
-  OptPrintResources,
-  OptDelay,
-  OptNeverAnswer,
-  OptCloseMid,
-  OptMalformed,
-  OptErrorReply,
-  OptFlood,
-  OptCmdStatus,
-  OptCmdEmpty,
-  OptCmdInflate,
-  OptBusyTries,
-};
 
 [[noreturn]] void die(const std::string& msg) {
   std::cerr << "tcpvxi-bridge-sim: " << msg << "\n";
   std::exit(2);
 }
 
-long long num(const char* s, long long lo, long long hi, const char* what) {
+// Decimal or 0x-hex; status words such as 0xBFFF003E are taken as unsigned
+// 32-bit values.  Out of range or not a number is a usage error.
+long long num(const std::string& text, long long lo, long long hi, const std::string& what) {
+  const char* s = text.c_str();
   errno = 0;
   char* end = nullptr;
   long long v = std::strtoll(s, &end, 0);
   if (errno == ERANGE || end == s || *end != '\0') {
-    // Status words such as 0xBFFF003E: unsigned 32-bit.
     errno = 0;
     unsigned long long u = std::strtoull(s, &end, 0);
-    if (errno == ERANGE || end == s || *end != '\0' || *s == '-') die(std::string("not a number for ") + what + ": " + s);
+    if (errno == ERANGE || end == s || *end != '\0' || *s == '-')
+      throw CLI::ValidationError(what, "not a number: " + text);
     v = static_cast<long long>(u);
   }
-  if (v < lo || v > hi) die(std::string("out of range for ") + what + ": " + s);
+  if (v < lo || v > hi) throw CLI::ValidationError(what, "out of range: " + text);
   return v;
 }
+
+const char* kControl =
+    "Control port: connect with any line-oriented TCP client (e.g. nc 127.0.0.1 N) and\n"
+    "type one command per line; each reply ends with a line \"OK ...\" or \"ERR ...\".\n"
+    "\nControl commands:\n";
 
 }  // namespace
 
 int main(int argc, char** argv) {
   bridgesim::ServerOptions o;
   o.recordLimit = 0;  // a long run must not keep every command
-  bool allowAny = false, printResources = false;
+  bool allowAny = false, printResources = false, quiet = false;
+  int verbose = 0;
 
-  static const option longOpts[] = {
-      {"address", required_argument, nullptr, 'a'},
-      {"port", required_argument, nullptr, 'p'},
-      {"mainframe", required_argument, nullptr, 'm'},
-      {"verbose", no_argument, nullptr, 'v'},
-      {"quiet", no_argument, nullptr, 'q'},
-      {"help", no_argument, nullptr, 'h'},
-      {"allow-any-address", no_argument, nullptr, OptAllowAny},
-      {"raw-port", required_argument, nullptr, OptRawPort},
-      {"control-port", required_argument, nullptr, OptControlPort},
-      {"max-sessions", required_argument, nullptr, OptMaxSessions},
-      {"synchronized", no_argument, nullptr, OptSynchronized},
-      {"print-resources", no_argument, nullptr, OptPrintResources},
-      {"delay", required_argument, nullptr, OptDelay},
-      {"never-answer", no_argument, nullptr, OptNeverAnswer},
-      {"close-mid", required_argument, nullptr, OptCloseMid},
-      {"malformed-header", no_argument, nullptr, OptMalformed},
-      {"error-reply", required_argument, nullptr, OptErrorReply},
-      {"flood", required_argument, nullptr, OptFlood},
-      {"cmd-status", required_argument, nullptr, OptCmdStatus},
-      {"cmd-empty", required_argument, nullptr, OptCmdEmpty},
-      {"cmd-inflate", required_argument, nullptr, OptCmdInflate},
-      {"busy-tries", required_argument, nullptr, OptBusyTries},
-      {nullptr, 0, nullptr, 0},
+  CLI::App app{"A simulated LAN-to-VXI bridge: a HiSLIP server with a VXI mainframe behind it.",
+               "tcpvxi-bridge-sim"};
+  app.set_version_flag("--version", std::string("tcpvxi-bridge-sim ") + TCPVXI_VERSION);
+  app.footer(std::string(kControl) + bridgesim::Server::controlHelp());
+  // Every number goes through num(): hex accepted, ranges checked.
+  auto number = [&](const char* names, const char* help, long long lo, long long hi, auto set) {
+    return app.add_option_function<std::string>(
+        names, [=](const std::string& v) { set(num(v, lo, hi, CLI::detail::split_names(names).back())); },
+        help);
   };
 
-  int c;
-  while ((c = getopt_long(argc, argv, "a:p:m:vqh", longOpts, nullptr)) != -1) {
-    switch (c) {
-      case 'a': o.address = optarg; break;
-      case 'p': o.port = static_cast<uint16_t>(num(optarg, 0, 65535, "--port")); break;
-      case 'm': o.mainframeIni = optarg; break;
-      case 'v': ++o.verbosity; break;
-      case 'q': o.verbosity = 0; break;
-      case 'h': std::cout << kUsage << "\nControl commands:\n" << bridgesim::Server::controlHelp(); return 0;
-      case OptAllowAny: allowAny = true; break;
-      case OptRawPort: o.rawPort = static_cast<uint16_t>(num(optarg, 1, 65535, "--raw-port")); break;
-      case OptControlPort: o.controlPort = static_cast<uint16_t>(num(optarg, 1, 65535, "--control-port")); break;
-      case OptMaxSessions: o.maxSessions = static_cast<size_t>(num(optarg, 1, 65535, "--max-sessions")); break;
-      case OptSynchronized: o.overlapMode = false; break;
-      case OptPrintResources: printResources = true; break;
-      case OptDelay: o.faults.answerDelayMs = static_cast<int>(num(optarg, 0, 3600000, "--delay")); break;
-      case OptNeverAnswer: o.faults.neverAnswer = true; break;
-      case OptCloseMid: o.faults.closeMidMessage = static_cast<int>(num(optarg, 0, 0x7FFFFFFF, "--close-mid")); break;
-      case OptMalformed: o.faults.malformedHeader = true; break;
-      case OptErrorReply:
-        if (!std::strcmp(optarg, "error"))
-          o.faults.errorReply = 3;
-        else if (!std::strcmp(optarg, "fatal"))
-          o.faults.errorReply = 2;
-        else
-          die("--error-reply takes \"error\" or \"fatal\"");
-        break;
-      case OptFlood: o.faults.floodAsync = static_cast<int>(num(optarg, 0, 100000, "--flood")); break;
-      case OptCmdStatus: {
-        std::string a = optarg;
-        size_t eq = a.find_first_of("=:");
-        if (eq == std::string::npos) die("--cmd-status takes CODE=STATUS");
-        o.commandFaults.statusCode = static_cast<int>(num(a.substr(0, eq).c_str(), -1, 255, "--cmd-status code"));
-        o.commandFaults.forcedStatus = static_cast<int32_t>(
-            static_cast<uint32_t>(num(a.substr(eq + 1).c_str(), INT32_MIN, UINT32_MAX, "--cmd-status status")));
-        break;
-      }
-      case OptCmdEmpty: o.commandFaults.emptyCode = static_cast<int>(num(optarg, -1, 255, "--cmd-empty")); break;
-      case OptCmdInflate: o.commandFaults.inflateCode = static_cast<int>(num(optarg, -1, 255, "--cmd-inflate")); break;
-      case OptBusyTries: o.commandFaults.busyTries = static_cast<int>(num(optarg, 0, 1000000, "--busy-tries")); break;
-      default: std::cerr << "Try tcpvxi-bridge-sim --help\n"; return 2;
-    }
+  const char* net = "Network";
+  app.add_option("-a,--address", o.address,
+                 "listen address, dotted IPv4 (default 127.0.0.1); addresses outside 127.0.0.0/8 are "
+                 "refused without --allow-any-address")
+      ->option_text("ADDR")->group(net);
+  app.add_flag("--allow-any-address", allowAny, "allow a listen address outside the loopback network")->group(net);
+  number("-p,--port", "HiSLIP port (default 4880; 0 picks a free one)", 0, 65535,
+         [&](long long v) { o.port = static_cast<uint16_t>(v); })->option_text("N")->group(net);
+  number("--raw-port",
+         "also serve the bridge's instrument as line-terminated text over plain TCP on port N (\"*IDN?\\n\" and so on)",
+         1, 65535, [&](long long v) { o.rawPort = static_cast<uint16_t>(v); })->option_text("N")->group(net);
+  number("--control-port", "text control port on N, loopback only (see below)", 1, 65535,
+         [&](long long v) { o.controlPort = static_cast<uint16_t>(v); })->option_text("N")->group(net);
+  number("--max-sessions", "refuse further sessions with FatalError (default 256)", 1, 65535,
+         [&](long long v) { o.maxSessions = static_cast<size_t>(v); })->option_text("N")->group(net);
+  app.add_flag_callback("--synchronized", [&] { o.overlapMode = false; },
+                        "offer the synchronized mode instead of overlapped")->group(net);
+
+  const char* mf = "Mainframe";
+  app.add_option("-m,--mainframe", o.mainframeIni, "mainframe description (INI); default: the built-in mainframe")
+      ->option_text("FILE")->group(mf);
+  app.add_flag("--print-resources", printResources, "print the bridge's resource text and exit")->group(mf);
+
+  const char* lg = "Logging (standard error, time-stamped)";
+  app.add_flag("-v,--verbose", verbose, "more: once every message, twice payload dumps")->group(lg);
+  app.add_flag("-q,--quiet", quiet, "errors only")->group(lg);
+
+  const char* fl = "Faults for the whole run (the control port switches them at run time)";
+  number("--delay", "answer every request MS milliseconds late", 0, 3600000,
+         [&](long long v) { o.faults.answerDelayMs = static_cast<int>(v); })->option_text("MS")->group(fl);
+  app.add_flag("--never-answer", o.faults.neverAnswer, "take requests but never answer them")->group(fl);
+  number("--close-mid", "close the session after N bytes of the first answer", 0, 0x7FFFFFFF,
+         [&](long long v) { o.faults.closeMidMessage = static_cast<int>(v); })->option_text("N")->group(fl);
+  app.add_flag("--malformed-header", o.faults.malformedHeader, "the first answer goes out with a broken header")
+      ->group(fl);
+  app.add_option_function<std::string>(
+         "--error-reply", [&](const std::string& v) { o.faults.errorReply = v == "error" ? 3 : 2; },
+         "answer requests with \"error\" (Error) or \"fatal\" (FatalError, then the session is closed)")
+      ->check(CLI::IsMember({"error", "fatal"}))->option_text("KIND")->group(fl);
+  number("--flood", "N interrupt reports on the async channel before the first answer", 0, 100000,
+         [&](long long v) { o.faults.floodAsync = static_cast<int>(v); })->option_text("N")->group(fl);
+  app.add_option_function<std::string>(
+         "--cmd-status",
+         [&](const std::string& a) {
+           size_t eq = a.find_first_of("=:");
+           if (eq == std::string::npos) throw CLI::ValidationError("--cmd-status", "takes CODE=STATUS");
+           o.commandFaults.statusCode = static_cast<int>(num(a.substr(0, eq), -1, 255, "--cmd-status code"));
+           o.commandFaults.forcedStatus = static_cast<int32_t>(
+               static_cast<uint32_t>(num(a.substr(eq + 1), INT32_MIN, UINT32_MAX, "--cmd-status status")));
+         },
+         "bridge command code C (-1: every code) answers status S")
+      ->option_text("C=S")->group(fl);
+  number("--cmd-empty", "bridge command code C answers an empty message", -1, 255,
+         [&](long long v) { o.commandFaults.emptyCode = static_cast<int>(v); })->option_text("C")->group(fl);
+  number("--cmd-inflate", "bridge command code C claims more data than asked", -1, 255,
+         [&](long long v) { o.commandFaults.inflateCode = static_cast<int>(v); })->option_text("C")->group(fl);
+  number("--busy-tries", "Word Serial commands answer a time-out N times first", 0, 1000000,
+         [&](long long v) { o.commandFaults.busyTries = static_cast<int>(v); })->option_text("N")->group(fl);
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    int rc = app.exit(e);
+    return rc == 0 ? 0 : 2;
   }
-  if (optind < argc) die(std::string("unexpected argument: ") + argv[optind]);
+  if (quiet)
+    o.verbosity = 0;
+  else
+    o.verbosity += verbose;
 
   if (printResources) {
     try {

@@ -2,88 +2,83 @@
 // trying clients without hardware.  Runs until interrupted.
 #include <signal.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
+#include <map>
 #include <string>
+#include <vector>
 
 #include "sim.h"
+#include "tcpvxi_version.h"
 
 namespace {
 
 volatile sig_atomic_t g_stop = 0;
 void onSignal(int) { g_stop = 1; }
 
-void usage(FILE* out) {
-  fprintf(out,
-          "usage: vxi11-instrument-sim [options]\n"
-          "  -a, --address ADDR    loopback address to serve (default 127.0.0.1)\n"
-          "  -p, --core-port PORT  device core port (default: any free port)\n"
-          "  -m, --portmap MODE    auto | own | rpcbind | none (default auto: register with a\n"
-          "                        running rpcbind, else answer GETPORT on port 111; rpcbind\n"
-          "                        hands newer clients 127.0.0.1, so serve that address then)\n"
-          "  -v, --verbose         one line per call; twice: also data sizes\n"
-          "  -f, --fault FAULT     inject a fault (may be repeated):\n"
-          "        device-error=PROC:CODE  answer core procedure PROC with error CODE\n"
-          "        wrong-xid=PROC          answer PROC (-1: every one) with another transaction id\n"
-          "        getport-zero            own portmapper answers port 0\n"
-          "        huge-maxrecv            create_link reports maxRecvSize 0xFFFFFFFF\n"
-          "        max-recv=N              create_link reports maxRecvSize N\n"
-          "        no-abort                create_link reports abort port 0\n"
-          "        refused-abort           create_link reports a port that refuses connections\n"
-          "        late=PROC:MS            answer PROC only after MS milliseconds\n"
-          "        no-connect-back         create_intr_chan never connects back\n"
-          "        intr-chan-error=CODE    create_intr_chan fails with CODE\n"
-          "  -h, --help            this text\n"
-          "The instrument answers *IDN?, *STB?, *OPC?, *SRE?, ECHO? TEXT and DATA? N (N bytes);\n"
-          "STB N sets the status byte, SRQ requests service over the interrupt channel.\n");
-}
+const char* kFooter =
+    "Faults (-f, repeatable):\n"
+    "  device-error=PROC:CODE  answer core procedure PROC with VXI-11 error CODE\n"
+    "  wrong-xid=PROC          answer PROC (-1: every one) with another transaction id\n"
+    "  getport-zero            own portmapper answers port 0\n"
+    "  huge-maxrecv            create_link reports maxRecvSize 0xFFFFFFFF\n"
+    "  max-recv=N              create_link reports maxRecvSize N\n"
+    "  no-abort                create_link reports abort port 0\n"
+    "  refused-abort           create_link reports a port that refuses connections\n"
+    "  late=PROC:MS            answer PROC only after MS milliseconds\n"
+    "  no-connect-back         create_intr_chan never connects back\n"
+    "  intr-chan-error=CODE    create_intr_chan fails with CODE\n"
+    "\n"
+    "Instrument: answers *IDN?, *STB?, *OPC?, *SRE?, ECHO? TEXT and DATA? N (an IEEE 488.2\n"
+    "block #<digits><N><N bytes> and a newline); takes *RST, *CLS, *SRE N, *TRG; STB N sets\n"
+    "the status byte, SRQ requests service over the interrupt channel.  A read with nothing\n"
+    "queued waits up to the client's io_timeout, then answers with the time-out error.\n"
+    "\n"
+    "Portmapper: the own one answers NULL, GETPORT and DUMP (rpcinfo -p) over TCP and UDP on\n"
+    "port 111 and declines SET and UNSET.\n";
 
 }  // namespace
 
 int main(int argc, char** argv) {
   vxi11sim::Options opt;
-  for (int i = 1; i < argc; i++) {
-    std::string a = argv[i];
-    auto value = [&](const char* what) -> std::string {
-      if (i + 1 >= argc) {
-        fprintf(stderr, "vxi11-instrument-sim: %s needs a value\n", what);
-        exit(2);
-      }
-      return argv[++i];
-    };
-    if (a == "-h" || a == "--help") {
-      usage(stdout);
-      return 0;
-    } else if (a == "-a" || a == "--address") {
-      opt.address = value("--address");
-    } else if (a == "-p" || a == "--core-port") {
-      opt.corePort = (uint16_t)atoi(value("--core-port").c_str());
-    } else if (a == "-m" || a == "--portmap") {
-      std::string m = value("--portmap");
-      if (m == "auto") opt.portmap = vxi11sim::PortmapMode::Auto;
-      else if (m == "own") opt.portmap = vxi11sim::PortmapMode::Own;
-      else if (m == "rpcbind") opt.portmap = vxi11sim::PortmapMode::Rpcbind;
-      else if (m == "none") opt.portmap = vxi11sim::PortmapMode::None;
-      else {
-        fprintf(stderr, "vxi11-instrument-sim: unknown portmap mode %s\n", m.c_str());
-        return 2;
-      }
-    } else if (a == "-v" || a == "--verbose") {
-      opt.verbosity++;
-    } else if (a == "-f" || a == "--fault") {
-      std::string f = value("--fault");
-      if (!vxi11sim::parseFault(f, &opt.faults)) {
-        fprintf(stderr, "vxi11-instrument-sim: unknown fault %s\n", f.c_str());
-        return 2;
-      }
-    } else {
-      fprintf(stderr, "vxi11-instrument-sim: unknown option %s\n", a.c_str());
-      usage(stderr);
-      return 2;
-    }
+  std::vector<std::string> faults;
+
+  CLI::App app{"A VXI-11 instrument simulator on a loopback address: device core, abort and interrupt "
+               "channels, a portmapper, fault injection.",
+               "vxi11-instrument-sim"};
+  app.set_version_flag("--version", std::string("vxi11-instrument-sim ") + TCPVXI_VERSION);
+  app.footer(kFooter);
+  app.add_option("-a,--address", opt.address, "loopback address to serve (default 127.0.0.1)")->option_text("ADDR");
+  app.add_option("-p,--core-port", opt.corePort, "device core port (default: any free port)")->option_text("PORT");
+  const std::map<std::string, vxi11sim::PortmapMode> modes = {{"auto", vxi11sim::PortmapMode::Auto},
+                                                              {"own", vxi11sim::PortmapMode::Own},
+                                                              {"rpcbind", vxi11sim::PortmapMode::Rpcbind},
+                                                              {"none", vxi11sim::PortmapMode::None}};
+  app.add_option_function<std::string>(
+         "-m,--portmap", [&](const std::string& m) { opt.portmap = modes.at(m); },
+         "auto | own | rpcbind | none (default auto: register with a running rpcbind, else serve "
+         "port 111 itself; rpcbind hands newer clients 127.0.0.1, so serve that address then)")
+      ->check(CLI::IsMember({"auto", "own", "rpcbind", "none"}))
+      ->option_text("MODE");
+  app.add_flag("-v,--verbose", opt.verbosity, "one time-stamped line per call on standard error; twice: data sizes");
+  app.add_option("-f,--fault", faults, "inject a fault (see below; repeatable)")
+      ->option_text("FAULT")
+      ->check(CLI::Validator(
+          [](std::string& s) {
+            vxi11sim::Faults f;
+            return vxi11sim::parseFault(s, &f) ? std::string() : "unknown fault " + s;
+          },
+          "FAULT"));
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    int rc = app.exit(e);
+    return rc == 0 ? 0 : 2;
   }
+  for (const std::string& f : faults) vxi11sim::parseFault(f, &opt.faults);
+
   vxi11sim::Simulator sim(opt);
   std::string err;
   if (!sim.start(&err)) {

@@ -14,8 +14,8 @@
 namespace vxi11sim {
 
 enum class PortmapMode {
-  Auto,     // register with a running rpcbind, else answer GETPORT on port 111
-  Own,      // always answer GETPORT on port 111 of the listen address
+  Auto,     // register with a running rpcbind, else serve the portmapper on port 111
+  Own,      // always serve the portmapper on port 111 of the listen address
   Rpcbind,  // register with rpcbind; fail to start without one
   None      // no portmapper at all (clients must know the core port)
 };
