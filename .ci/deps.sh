@@ -6,7 +6,7 @@ need=""
 for p in cmake ninja-build g++ clang libclang-rt-14-dev libgtest-dev libgmock-dev libbenchmark-dev \
          libtirpc-dev rpcbind tshark liblxi-dev lxi-tools iproute2 util-linux \
          help2man lintian man-db dpkg-dev pkgconf file \
-         libcli11-dev libreadline-dev valgrind python3-matplotlib python3-pyvisa python3-pyvisa-py; do
+         libcli11-dev libreadline-dev valgrind python3-matplotlib python3-pyvisa python3-pyvisa-py python3-pytest; do
   dpkg -s "$p" >/dev/null 2>&1 || need="$need $p"
 done
 [ -z "$need" ] && exit 0

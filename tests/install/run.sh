@@ -26,6 +26,10 @@ if [ "${1:-}" = --run ]; then
   "$prefix/bin/tcpvxi-host" --lib "$prefix/$libdir/visa/libtcpvxi.so" -c 'start; open; list; in16 0 a16 0xC000; stop' \
     >"$work/host.out"
   grep -q 'VXI0::16::INSTR' "$work/host.out" || { cat "$work/host.out"; exit 1; }
+  # The PyVISA backend installed beside the library, which the loader finds.
+  PYTHONPATH=$(echo "$prefix"/lib/python3*/dist-packages) LD_LIBRARY_PATH="$prefix/$libdir" /usr/bin/python3 -c \
+    'import pyvisa; print(pyvisa.ResourceManager("@tcpvxi").list_resources())' >"$work/py.out"
+  grep -q 'VXI0::16::INSTR' "$work/py.out" || { cat "$work/py.out"; exit 1; }
   for p in pc-consumer cmake-consumer; do
     LD_LIBRARY_PATH="$prefix/$libdir" "$work/$p"
   done
@@ -71,7 +75,8 @@ deb=$(ls "$build"/tcpvxi_*.deb)
 dpkg-deb -c "$deb" >"$work/contents"
 for f in "./usr/$libdir/visa/libtcpvxi.so" ./usr/bin/tcpvxi-host ./usr/bin/tcpvxi-bridge-sim \
          ./usr/bin/vxi11-instrument-sim ./usr/include/tcpvxi/tcpvxi.h "./usr/$libdir/pkgconfig/tcpvxi.pc" \
-         ./usr/share/man/man5/resmantcpvxi.out.5.gz ./usr/share/man/man1/tcpvxi-host.1.gz; do
+         ./usr/share/man/man5/resmantcpvxi.out.5.gz ./usr/share/man/man1/tcpvxi-host.1.gz \
+         ./usr/lib/python3/dist-packages/pyvisa_tcpvxi/__init__.py; do
   grep -q " $f" "$work/contents" || { echo "missing from the package: $f"; exit 1; }
 done
 if awk '{print $6}' "$work/contents" | grep -v -e '^\./$' -e '^\./usr/'; then
