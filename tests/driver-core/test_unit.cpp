@@ -184,22 +184,16 @@ class DrvAttributes : public HandFilled {
 };
 
 TEST_F(DrvAttributes, NumericAttributesHaveTheirWidths) {
-  EXPECT_EQ(bytes<uint16_t>(5), raw(VI_ATTR_CMDR_LA));
-  EXPECT_EQ(bytes<uint16_t>(2), raw(VI_ATTR_VXI_DEV_CLASS));
-  EXPECT_EQ(bytes<uint16_t>(0xFFFF), raw(VI_ATTR_MAINFRAME_LA));
-  EXPECT_EQ(bytes<uint32_t>(0x22222222), raw(VI_ATTR_VXI_VME_INTR_STATUS));
-  EXPECT_EQ(bytes<uint32_t>(0x11111111), raw(VI_ATTR_VXI_TRIG_STATUS));
-  EXPECT_EQ(bytes<uint16_t>(1), raw(VI_ATTR_VXI_VME_SYSFAIL_STATE));
-  EXPECT_EQ(bytes<uint64_t>(0x123456789ULL), raw(VI_ATTR_MEM_BASE_64));
-  EXPECT_EQ(bytes<uint64_t>(0x40000), raw(VI_ATTR_MEM_SIZE_64));
-  EXPECT_EQ(bytes<uint16_t>(24), raw(VI_ATTR_VXI_LA));
-  EXPECT_EQ(bytes<uint16_t>(0xFFF), raw(VI_ATTR_MANF_ID));
-  EXPECT_EQ(bytes<uint16_t>(2), raw(VI_ATTR_MEM_SPACE));
-  EXPECT_EQ(bytes<uint16_t>(1234), raw(VI_ATTR_MODEL_CODE));
-  EXPECT_EQ(bytes<uint16_t>(3), raw(VI_ATTR_SLOT));
-  EXPECT_EQ(bytes<uint16_t>(1), raw(VI_ATTR_IMMEDIATE_SERV));
-  EXPECT_EQ(bytes<uint16_t>(2), raw(VI_ATTR_INTF_TYPE));
-  EXPECT_EQ(bytes<uint32_t>(0x33333333), raw(VI_ATTR_VXI_TRIG_SUPPORT));
+  const std::pair<uint32_t, std::vector<uint8_t>> cases[] = {
+      {VI_ATTR_CMDR_LA, bytes<uint16_t>(5)}, {VI_ATTR_VXI_DEV_CLASS, bytes<uint16_t>(2)},
+      {VI_ATTR_MAINFRAME_LA, bytes<uint16_t>(0xFFFF)}, {VI_ATTR_VXI_VME_INTR_STATUS, bytes<uint32_t>(0x22222222)},
+      {VI_ATTR_VXI_TRIG_STATUS, bytes<uint32_t>(0x11111111)}, {VI_ATTR_VXI_VME_SYSFAIL_STATE, bytes<uint16_t>(1)},
+      {VI_ATTR_MEM_BASE_64, bytes<uint64_t>(0x123456789ULL)}, {VI_ATTR_MEM_SIZE_64, bytes<uint64_t>(0x40000)},
+      {VI_ATTR_VXI_LA, bytes<uint16_t>(24)}, {VI_ATTR_MANF_ID, bytes<uint16_t>(0xFFF)},
+      {VI_ATTR_MEM_SPACE, bytes<uint16_t>(2)}, {VI_ATTR_MODEL_CODE, bytes<uint16_t>(1234)},
+      {VI_ATTR_SLOT, bytes<uint16_t>(3)}, {VI_ATTR_IMMEDIATE_SERV, bytes<uint16_t>(1)},
+      {VI_ATTR_INTF_TYPE, bytes<uint16_t>(2)}, {VI_ATTR_VXI_TRIG_SUPPORT, bytes<uint32_t>(0x33333333)}};
+  for (auto& [id, want] : cases) EXPECT_EQ(want, raw(id)) << std::hex << id;
 }
 
 TEST_F(DrvAttributes, Strings) {
