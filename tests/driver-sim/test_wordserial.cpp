@@ -149,41 +149,6 @@ TEST_F(WordSerial, ReadsStopAtTheTerminationCharacterOrAtEnd) {
   EXPECT_EQ('.', buf[0]);
 }
 
-// 300 bytes out: a 256-byte chunk without END, then 44 bytes with END.
-// 300 bytes in: a full chunk and the remainder.
-TEST_F(WordSerial, ThreeHundredByteMessagesBothWays) {
-  std::string msg = "*ESE 36;";
-  msg += std::string(300 - msg.size() - 6, ' ') + ";*ESE?";
-  ASSERT_EQ(300u, msg.size());
-  ASSERT_EQ(0, send(dmm, msg));
-  auto writes = commandsOf(sim(), 13);
-  ASSERT_EQ(2u, writes.size());
-  EXPECT_EQ(256u, word(writes[0], 2));
-  EXPECT_EQ(0u, word(writes[0], 0) & VXICMD_WS_END);
-  EXPECT_EQ(44u, word(writes[1], 2));
-  EXPECT_EQ(VXICMD_WS_END, word(writes[1], 0) & VXICMD_WS_END);
-  EXPECT_EQ(12u + 44u, writes[1].size());
-  EXPECT_EQ(0, memcmp(writes[1].data() + 12, msg.data() + 256, 44));
-  EXPECT_EQ("36\n", receive(dmm).text);
-
-  // Eight identities: 328 bytes.  Ask for 300, then for the rest.
-  std::string expect;
-  for (int k = 0; k < 8; k++) expect += (k ? ";" : "") + kDmmIdn;
-  expect += "\n";
-  ASSERT_EQ(0, send(dmm, "*IDN?;*IDN?;*IDN?;*IDN?;*IDN?;*IDN?;*IDN?;*IDN?"));
-  sim().clearReceived();
-  Reply first = receive(dmm, 300, kEnd);
-  EXPECT_EQ(0, first.st) << "END not reached yet";
-  EXPECT_EQ(expect.substr(0, 300), first.text);
-  auto reads = commandsOf(sim(), 12);
-  ASSERT_EQ(2u, reads.size());
-  EXPECT_EQ(256u, word(reads[0], 2));
-  EXPECT_EQ(44u, word(reads[1], 2));
-  Reply rest = receive(dmm, 300, kEnd);
-  EXPECT_EQ(2, rest.st & 3);
-  EXPECT_EQ(expect.substr(300), rest.text);
-}
-
 // 200 bytes: the remainder narrows to -56, so both chunks go out as 256
 // bytes, the second starting 56 bytes before the buffer.  The slack around
 // the message is filled with separators so that the instrument still gets a
