@@ -457,24 +457,6 @@ TEST(Logging, PrimitivesUseTheSecondHookWithTheFunctionName) {
 
 // ======================================================= socket primitives
 
-TEST(CheckForRecv, PollsAndWaits) {
-  Pair p;
-  EXPECT_EQ(CheckForRecv(p.a, 0), 0);
-  EXPECT_EQ(CheckForRecv(p.a, 20), 0);
-  std::thread t([&] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    send(p.b, "x", 1, 0);
-  });
-  EXPECT_EQ(CheckForRecv(p.a, 30000), 1);  // wakes when data arrives during the wait
-  t.join();
-  EXPECT_EQ(CheckForRecv(p.a, 0), 1);
-  char c;
-  ASSERT_EQ(recv(p.a, &c, 1, 0), 1);
-  p.closeB();
-  EXPECT_EQ(CheckForRecv(p.a, 0), 1);  // end of file is ready too
-  EXPECT_EQ(CheckForRecv(-1, 0), 0);
-}
-
 TEST(CheckForRecv, DescriptorAbove1023) {
   struct rlimit rl;
   ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &rl), 0);
