@@ -92,19 +92,6 @@ TEST_F(DrvDiscovery, GapsAndIncompleteSections) {
   EXPECT_EQ(std::string(63, 'd'), tcpvxiGD->Intf[3].devName);
 }
 
-TEST_F(DrvDiscovery, UnreachableBridgeIsListedWithoutInstruments) {
-  // Nothing listens on 127.0.0.9.
-  writeResman({"127.0.0.9", "127.0.0.2"});
-  EXPECT_EQ(2, open());
-  EXPECT_EQ(1, tcpvxiGD->NIntf) << "counted although unconnected";
-  EXPECT_EQ(0, Interfaces[0].kvtcp.Connected);
-  uint32_t n = 9;
-  EXPECT_EQ(0, vintfGetNumRsrc(0, &n));
-  EXPECT_EQ(0u, n);
-  EXPECT_EQ(0, vintfGetNumRsrc(1, &n));
-  EXPECT_EQ(6u, n);
-}
-
 TEST_F(DrvDiscovery, RefusedLockDropsTheInterface) {
   auto b = startSim("127.0.0.3");
   bridgesim::CommandFaults f;

@@ -228,14 +228,6 @@ TEST_F(DrvAttributes, IndexChecks) {
   EXPECT_TRUE(mutexFree());
 }
 
-TEST_F(DrvAttributes, SetIsReadOnlyOrUnsupported) {
-  EXPECT_EQ(VI_ERROR_ATTR_READONLY, vintfSetRsrcAttr(9, 9, VI_ATTR_SLOT, 1));
-  EXPECT_EQ(VI_ERROR_ATTR_READONLY, vintfSetRsrcAttr(0, 0, VI_ATTR_RSRC_NAME, 1));
-  EXPECT_EQ(VI_ERROR_ATTR_READONLY, vintfSetRsrcAttr(0, 0, VI_ATTR_READONLY_EXTRA, 1));
-  EXPECT_EQ(VI_ERROR_NSUP_ATTR, vintfSetRsrcAttr(0, 0, 0x3FFF0001u, 1));
-  EXPECT_EQ(3, block->Intf[1].Instr[1].attr_SLOT);
-}
-
 TEST_F(DrvAttributes, NumRsrcNeedsThisProcessConnection) {
   uint32_t n = 99;
   EXPECT_EQ(0, vintfGetNumRsrc(1, &n));
@@ -381,12 +373,4 @@ TEST_F(DrvDiscipline, NotConnectedBridgeGivesTheTransportError) {
   EXPECT_LT(vintfResetVXI(1), 0);
   EXPECT_EQ(0, vintfTestIRQ(1, 0x18)) << "the test interrupt reports no error";
   EXPECT_TRUE(mutexFree());
-}
-
-// Before tcpvxi_start, for any number.
-TEST(DrvSystemCalls, CallsThatDoNothing) {
-  EXPECT_EQ(0, vintfInitVXIpath(12345, 3));
-  EXPECT_EQ(0, vintfInitHOSTpath(54321));
-  EXPECT_EQ(0, vintfIrqAddLA(999, 5));
-  EXPECT_EQ(0, vintfIrqDelLA(999, 5));
 }
