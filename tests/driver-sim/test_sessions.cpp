@@ -44,14 +44,6 @@ TEST_F(TwoBridges, EachInterfaceReachesItsOwnMainframe) {
 
 }
 
-TEST_F(TwoBridges, OneBridgeGoneLeavesTheOtherWorking) {
-  sims[1]->stop();
-  ViUInt16 w = 0;
-  EXPECT_EQ(kConnLost, vintfIn16(1, 0, 1, configBase(kLaDmm), &w));
-  EXPECT_EQ(0, vintfIn16(0, 0, 1, configBase(kLaDmm), &w));
-  EXPECT_EQ(0xFFB, w & 0xFFF);
-}
-
 // The simulator stops: the next access reports a lost connection, Word
 // Serial too; after a restart vintfTryReopenDevice brings the interface back.
 TEST_F(Vanishing, BridgeThatDisappearsAndComesBack) {
