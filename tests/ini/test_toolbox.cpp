@@ -51,30 +51,6 @@ TEST(Numbers, StrictDecimalAndBounds) {
 
 // ---------------------------------------------------------------- encoding
 
-TEST(DataText, KnownVectorEmptyAndShortTexts) {
-  const unsigned char bytes[] = {0xFF, 0x00, 0x80};
-  unsigned char* text = nullptr;
-  ASSERT_EQ(ConvertDataToText(bytes, 3, &text), 1);
-  EXPECT_STREQ((char*)text, "bo00");
-  free(text);
-  ASSERT_EQ(ConvertDataToText(nullptr, 0, &text), 1);
-  EXPECT_STREQ((char*)text, "");
-  free(text);
-  unsigned char sentinel = 0;
-  unsigned char* data = &sentinel;
-  int size = -1;
-  EXPECT_EQ(ConvertTextToData((const unsigned char*)"A", &size, &data), 1);
-  EXPECT_EQ(size, 0);
-  EXPECT_EQ(data, &sentinel);  // no buffer for zero bytes
-  EXPECT_EQ(ConvertTextToData((const unsigned char*)"ooooo", &size, &data), 1);  // 4 + 1 ignored
-  EXPECT_EQ(size, 3);
-  free(data);
-  ASSERT_EQ(ConvertTextToData((const unsigned char*)"bo00", &size, &data), 1);
-  ASSERT_EQ(size, 3);
-  EXPECT_EQ(0, memcmp(data, bytes, 3));
-  free(data);
-}
-
 TEST(DataText, RoundTripEveryLengthUpTo64) {
   std::mt19937 rng(12345);
   for (int len = 0; len <= 64; ++len) {
