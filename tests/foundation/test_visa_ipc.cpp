@@ -10,7 +10,6 @@
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <string>
@@ -34,16 +33,6 @@ MUTEX_TYPE openMutex(const char* name) {
   EXPECT_EQ(util_mutex_open(name, &h), VI_SUCCESS);
   EXPECT_TRUE(h != nullptr && h != SEM_FAILED);
   return h;
-}
-
-// Runs fn in a forked child; its result is the child's exit code.
-template <typename F>
-int inChild(F fn) {
-  pid_t pid = fork();
-  if (pid == 0) _exit(fn());
-  int st = 0;
-  waitpid(pid, &st, 0);
-  return WIFEXITED(st) ? WEXITSTATUS(st) : 255;
 }
 
 double nowMs() {
@@ -75,55 +64,6 @@ TEST(NamedMutex, NameLengthBoundsAndNullHandles) {
   h = nullptr;
   util_mutex_close("/kvt_none", &h);
   util_mutex_close("/kvt_none", nullptr);
-}
-
-TEST(NamedMutex, LockTimeOutReopenAndClose) {
-  MUTEX_TYPE h = openMutex("/kvt_lock");
-  EXPECT_TRUE(shmExists("sem.kvt_lock"));
-  EXPECT_EQ(semValue(h), 1);  // created unlocked
-  EXPECT_EQ(util_mutex_lock(h, 0), VI_SUCCESS);
-  // Held (by ourselves): a zero time-out gives up after one try, a one-second
-  // time-out after spinning.
-  EXPECT_EQ(util_mutex_lock(h, 0), VI_ERROR_TMO);
-  EXPECT_EQ(util_mutex_lock(h, 1), VI_ERROR_TMO);
-  MUTEX_TYPE h2 = openMutex("/kvt_lock");  // a second open does not reset it
-  EXPECT_EQ(semValue(h2), 0);
-  util_mutex_unlock(h);
-  EXPECT_EQ(util_mutex_lock(h, 3), VI_SUCCESS);
-  // Close unlinks the name and clears the handle; a later open creates a
-  // fresh, unlocked semaphore.
-  util_mutex_close("/kvt_lock", &h);
-  EXPECT_EQ(h, nullptr);
-  EXPECT_FALSE(shmExists("sem.kvt_lock"));
-  h = openMutex("/kvt_lock");
-  EXPECT_EQ(semValue(h), 1);
-  util_mutex_close("/kvt_lock", &h);
-  util_mutex_close("/kvt_lock", &h2);
-}
-
-TEST(NamedMutex, HeldByAnotherProcess) {
-  MUTEX_TYPE h = openMutex("/kvt_xproc");
-  int sv[2];
-  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
-  pid_t pid = fork();
-  if (pid == 0) {
-    MUTEX_TYPE c = openMutex("/kvt_xproc");
-    char b = util_mutex_lock(c, 2) == VI_SUCCESS ? 'L' : 'F';
-    (void)!write(sv[1], &b, 1);
-    (void)!read(sv[1], &b, 1);  // hold it until the parent has tried
-    util_mutex_unlock(c);
-    _exit(0);
-  }
-  char b = 0;
-  ASSERT_EQ(read(sv[0], &b, 1), 1);
-  ASSERT_EQ(b, 'L');
-  EXPECT_EQ(util_mutex_lock(h, 1), VI_ERROR_TMO);
-  (void)!write(sv[0], "g", 1);
-  waitpid(pid, nullptr, 0);
-  EXPECT_EQ(util_mutex_lock(h, 2), VI_SUCCESS);  // released by the child
-  util_mutex_close("/kvt_xproc", &h);
-  close(sv[0]);
-  close(sv[1]);
 }
 
 TEST(NamedMutex, SeveralLocks) {
@@ -166,37 +106,6 @@ void releaseKeptRecord(HANDLE h) {
   free(h);
 }
 }  // namespace
-
-TEST(SharedMemory, CreateAttachAcrossProcessesAndRemove) {
-  const char* name = "/kvt_seg";
-  Mapping a(name, 100);
-  ASSERT_NE(a.h, nullptr);
-  EXPECT_EQ(a.fInit, 1);
-  EXPECT_EQ(a.rec()->size, 1024u);
-  EXPECT_STREQ(a.rec()->name, name);
-  EXPECT_EQ(a.text(), static_cast<char*>(a.rec()->map) + 8);
-  EXPECT_EQ(a.header()->magic, SHMEM_MAGIC);
-  EXPECT_EQ(a.header()->link_counter, 1u);
-  strcpy(a.text(), "hello");
-  int rc = inChild([name] {
-    Mapping b(name, 100);
-    if (!b.h || b.fInit != 0 || strcmp(b.text(), "hello") != 0) return 1;  // content kept
-    if (b.header()->link_counter != 2) return 2;
-    strcpy(b.text() + 8, "child");
-    util_unmap_global(&b.h, b.user);
-    return 0;
-  });
-  EXPECT_EQ(rc, 0);
-  EXPECT_STREQ(a.text() + 8, "child");
-  EXPECT_TRUE(shmExists("kvt_seg"));  // the child's unmap left it to us
-  EXPECT_EQ(a.header()->link_counter, 1u);
-  Mapping c(name, 100);  // a second mapper in this process
-  EXPECT_EQ(c.header()->link_counter, 2u);
-  util_unmap_global(&c.h, c.user);
-  releaseKeptRecord(c.h);
-  util_unmap_global(&a.h, a.user);
-  EXPECT_FALSE(shmExists("kvt_seg"));
-}
 
 TEST(SharedMemory, SizeRoundsUpToWholeKiB) {
   for (auto [user, want] : {std::pair{463112u, 463872u}, {0u, 1024u}, {1016u, 1024u}, {1017u, 2048u},
