@@ -194,20 +194,6 @@ TEST_F(WordSerial, TwoHundredByteReadTakesAWholeChunk) {
   EXPECT_EQ(256u, word(reads[0], 2));
 }
 
-TEST_F(WordSerial, InstrumentWithNothingToSayTimesOut) {
-  sim().clearReceived();
-  Reply r = receive(sw, 100, kEnd, '\n', 500);
-  EXPECT_EQ(kTmo, r.st);
-  EXPECT_EQ("", r.text);
-  EXPECT_GT(commandsOf(sim(), 12).size(), 1u) << "asked again while waiting";
-  // A logical address without a device: the bridge's bus error comes back.
-  ViUInt16 resp = 0;
-  EXPECT_EQ(kBusError, vintfWScmd2la(0, 100, 200, 0xDFFF, 1, &resp));
-  // Nor does a bridge that takes requests but never answers hang the call.
-  sim().updateFaults([](bridgesim::HislipFaults& f) { f.neverAnswer = true; });
-  EXPECT_LT(vintfWScmd(0, dmm, 200, 0xDFFF, 1, &resp), 0);
-}
-
 TEST_F(WordSerial, StatusByteClearAndTrigger) {
   ViUInt16 stb = 0xFFFF;
   ASSERT_EQ(0, vintfWSreadSTB(0, dmm, kTimeout, &stb));
