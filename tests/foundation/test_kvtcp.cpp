@@ -521,19 +521,6 @@ TEST(RecvMin, WaitsForMinlenAcrossSegmentsButNotForTheBuffer) {
   EXPECT_EQ(n, 28);
 }
 
-TEST(RecvMin, ClosedPeerEndsWithConnectionLost) {
-  Pair p;
-  send(p.b, "abcde", 5, 0);
-  p.closeB();
-  char buf[16];
-  int n = -1;
-  EXPECT_EQ(recvMin(p.a, 50, buf, sizeof buf, 10, &n), VI_ERROR_CONN_LOST);
-  EXPECT_EQ(n, 5);
-  // Already closed before the call, with a zero time-out too.
-  EXPECT_EQ(recvMin(p.a, 0, buf, sizeof buf, 1, &n), VI_ERROR_CONN_LOST);
-  EXPECT_EQ(n, 0);
-}
-
 // ENOBUFS is retried twice on receive, three times on send (after a pause
 // each time, the count starting afresh after progress); other errors end at
 // once with a lost connection.
