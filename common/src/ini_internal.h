@@ -27,6 +27,7 @@ struct IniStructForwardReferenceTag {
   Ini_SectionFilterFunc sectionFilter;
   void* sectionFilterCallbackData;
   Handle stringCache;
+  void* entryArena;  // the blocks the item records live in
 };
 
 // Sections and items keep, beside their name, its sort key: the trimmed
