@@ -27,7 +27,8 @@ struct IniStructForwardReferenceTag {
   Ini_SectionFilterFunc sectionFilter;
   void* sectionFilterCallbackData;
   Handle stringCache;
-  void* entryArena;  // the blocks the item records live in
+  void* entryArena;     // the blocks the item records live in
+  char namesWithBlanks;  // some item read so far has a blank in its name
 };
 
 // Sections and items keep, beside their name, its sort key: the trimmed

@@ -90,20 +90,32 @@ static void Trimmed(const CharTables& t, const char* name, const char** start, s
   *len = n;
 }
 
-static void FoldInto(const CharTables& t, char* dst, const char* src, size_t n) {
-  for (size_t i = 0; i < n; ++i) dst[i] = (char)t.fold((unsigned char)src[i]);
+// Returns whether the name holds a blank (only such a name can be part of a
+// multi-line item).
+static bool FoldInto(const CharTables& t, char* dst, const char* src, size_t n) {
+  bool blank = false;
+  for (size_t i = 0; i < n; ++i) {
+    blank |= src[i] == ' ';
+    dst[i] = (char)t.fold((unsigned char)src[i]);
+  }
   dst[n] = 0;
+  return blank;
 }
 
-// The key of a name given for a look-up, in buf (INI_LINE_BUF bytes); null
-// for a name too long for it, which is then compared the slow way.
+// The key of a name given for a look-up, in buf (INI_LINE_BUF bytes), made
+// in one pass; null for a name too long for it, which is then compared the
+// slow way.
 static char* LookupKey(const char* name, char* buf) {
   CharTables t;
-  const char* start;
-  size_t n;
-  Trimmed(t, name, &start, &n);
-  if (n >= INI_LINE_BUF) return nullptr;
-  FoldInto(t, buf, start, n);
+  while (*name && t.space((unsigned char)*name)) ++name;
+  size_t n = 0, end = 0;
+  for (; name[n]; ++n) {
+    if (n >= INI_LINE_BUF - 1) return nullptr;
+    unsigned char c = (unsigned char)name[n];
+    buf[n] = (char)t.fold(c);
+    if (!t.space(c)) end = n + 1;
+  }
+  buf[end] = 0;
   return buf;
 }
 
@@ -222,7 +234,7 @@ static IniEntry NewEntry(IniText doc, const char* name, const char* value, int s
   memcpy(e->value, v, vlen);
   e->value[vlen] = 0;
   e->key = e->value + vlen + 1;
-  FoldInto(t, e->key, start, n);
+  if (FoldInto(t, e->key, start, n)) doc->namesWithBlanks = 1;
   e->addMarkerQuotes = quoted;
   e->sourceLine = sourceLine;
   return e;
@@ -535,14 +547,20 @@ static void CopyBounded(char* dest, const char* src, size_t len) {
   dest[len] = 0;
 }
 
+static const char* SkipSpace(const CharTables& t, const char* p) {
+  while (*p && t.space((unsigned char)*p)) ++p;
+  return p;
+}
+
 int ParseTagTextSectionTitle(IniText theIniText, const char* text, char* sectionName) {
   if (!theIniText || !text || !sectionName) return -1;
-  text = SkipWhiteSpace(text);
+  CharTables t;
+  text = SkipSpace(t, text);
   const char* end = strrchr(text, theIniText->sectionNameEndChar);
   if (!end || theIniText->sectionNameEndChar == 0) return kIni_NotAnIniLine;
-  if (HasNonWhiteSpace(end + 1)) return kIni_NotAnIniLine;
+  if (*SkipSpace(t, end + 1)) return kIni_NotAnIniLine;
   size_t len = (size_t)(end - text);
-  while (len > 0 && isspace((unsigned char)text[len - 1])) --len;
+  while (len > 0 && t.space((unsigned char)text[len - 1])) --len;
   if (len == 0) return kIni_NotAnIniLine;
   CopyBounded(sectionName, text, len);
   return kIni_SectionLine;
@@ -550,21 +568,22 @@ int ParseTagTextSectionTitle(IniText theIniText, const char* text, char* section
 
 int ParseTagTextLine(IniText theIniText, const char* line, char* sectionName, char* itemName, char* value) {
   if (!theIniText || !line || !sectionName || !itemName || !value) return -1;
-  const char* p = SkipWhiteSpace(line);
-  size_t markerLen = strlen(theIniText->commentMarker);
-  if (markerLen > 0 && strncmp(p, theIniText->commentMarker, markerLen) == 0) return kIni_CommentLine;
+  CharTables t;
+  const char* p = SkipSpace(t, line);
+  const char* marker = theIniText->commentMarker;
+  if (marker[0] && p[0] == marker[0] && strncmp(p, marker, strlen(marker)) == 0) return kIni_CommentLine;
   if (*p && *p == theIniText->sectionNameStartChar) return ParseTagTextSectionTitle(theIniText, p + 1, sectionName);
   const char* sep = theIniText->nameValueInputSeparatorToken;
-  size_t sepLen = strlen(sep);
-  if (sepLen == 0) return kIni_NotAnIniLine;
-  const char* at = strstr(p, sep);
+  if (sep[0] == 0) return kIni_NotAnIniLine;
+  size_t sepLen = sep[1] == 0 ? 1 : strlen(sep);
+  const char* at = sepLen == 1 ? strchr(p, sep[0]) : strstr(p, sep);
   if (!at) return kIni_NotAnIniLine;
   size_t nameLen = (size_t)(at - p);
-  while (nameLen > 0 && isspace((unsigned char)p[nameLen - 1])) --nameLen;
+  while (nameLen > 0 && t.space((unsigned char)p[nameLen - 1])) --nameLen;
   if (nameLen == 0) return kIni_NotAnIniLine;
-  const char* v = SkipWhiteSpace(at + sepLen);
+  const char* v = SkipSpace(t, at + sepLen);
   size_t valueLen = strlen(v);
-  while (valueLen > 0 && isspace((unsigned char)v[valueLen - 1])) --valueLen;
+  while (valueLen > 0 && t.space((unsigned char)v[valueLen - 1])) --valueLen;
   CopyBounded(itemName, p, nameLen);
   CopyBounded(value, v, valueLen);
   return kIni_TagAndValueLine;
@@ -662,6 +681,7 @@ int CoalesceMultiLineItems(IniSection section, int first, int last) {
 
 int Ini_CoalesceAllMultiLineItems(IniText theIniText) {
   if (!theIniText) return -1;
+  if (!theIniText->namesWithBlanks) return 0;  // no item name can end in " Line<digits>"
   int n = ListNumItems(theIniText->sectionList);
   for (int s = 1; s <= n; ++s) {
     IniSection section = SectionAt(theIniText, s);
