@@ -33,7 +33,7 @@ struct IniStructForwardReferenceTag {
 
 // Sections and items keep, beside their name, its sort key: the trimmed
 // name folded to lower case once, when it is stored, so that sorting and
-// binary search compare plain bytes.  A null key (a name changed after it
+// binary search compare plain bytes (the first eight of them as one number).  A null key (a name changed after it
 // was stored) makes comparisons fold the name itself.
 struct IniSectionStructTag {
   char* sectionName;
@@ -42,6 +42,7 @@ struct IniSectionStructTag {
   char sorted;
   int sourceLine;
   char* key;
+  unsigned long long keyPrefix;  // the key's first 8 bytes, big-endian, zero-padded
 };
 
 struct _iniEntryStruct {
@@ -50,6 +51,7 @@ struct _iniEntryStruct {
   int sourceLine;
   int addMarkerQuotes;
   char* key;
+  unsigned long long keyPrefix;
 };
 
 struct LineFileForwardReferenceTag {

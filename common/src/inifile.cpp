@@ -65,11 +65,38 @@ static int KeyCompare(const char* a, const char* b) {
   return x == y ? 0 : (x < y ? -1 : 1);
 }
 
+// The first 8 bytes of a key as one big-endian number, zero-padded: two
+// prefixes compare as the keys' first 8 bytes do under KeyCompare.
+static unsigned long long KeyPrefix(const char* k) {
+  unsigned long long p = 0;
+  bool ended = false;
+  for (int i = 0; i < 8; ++i) {
+    unsigned char c = ended ? 0 : (unsigned char)k[i];
+    ended = c == 0;
+    p = p << 8 | c;
+  }
+  return p;
+}
+
+// KeyCompare with the prefixes deciding most comparisons at once.  Equal
+// prefixes whose last byte is 0 are equal keys (both end within them);
+// otherwise both keys go on past their eighth byte.
+static inline int PrefixedCompare(const char* a, unsigned long long pa, const char* b, unsigned long long pb) {
+  if (pa != pb) return pa < pb ? -1 : 1;
+  if ((pa & 0xFF) == 0) return 0;
+  return KeyCompare(a + 8, b + 8);
+}
+
+template <class R>
+static inline int RecordKeyCompare(R x, R y) {
+  return PrefixedCompare(x->key, x->keyPrefix, y->key, y->keyPrefix);
+}
+
 static int SectionNameCompare(const void* a, const void* b) {
   IniSection x, y;
   memcpy(&x, a, sizeof x);
   memcpy(&y, b, sizeof y);
-  if (x->key && y->key) return KeyCompare(x->key, y->key);
+  if (x->key && y->key) return RecordKeyCompare(x, y);
   return CompareTrimmedNoCase(x->sectionName, y->sectionName);
 }
 
@@ -77,7 +104,7 @@ static int EntryNameCompare(const void* a, const void* b) {
   IniEntry x, y;
   memcpy(&x, a, sizeof x);
   memcpy(&y, b, sizeof y);
-  if (x->key && y->key) return KeyCompare(x->key, y->key);
+  if (x->key && y->key) return RecordKeyCompare(x, y);
   return CompareTrimmedNoCase(x->name, y->name);
 }
 
@@ -203,6 +230,7 @@ static IniSection NewSection(const char* name, char sorted, int sourceLine) {
   s->sectionName[n] = 0;
   s->key = s->sectionName + n + 1;
   FoldInto(t, s->key, start, n);
+  s->keyPrefix = KeyPrefix(s->key);
   s->entryList = ListCreate(sizeof(IniEntry));
   if (!s->entryList) {
     DisposeSection(s);
@@ -235,6 +263,7 @@ static IniEntry NewEntry(IniText doc, const char* name, const char* value, int s
   e->value[vlen] = 0;
   e->key = e->value + vlen + 1;
   if (FoldInto(t, e->key, start, n)) doc->namesWithBlanks = 1;
+  e->keyPrefix = KeyPrefix(e->key);
   e->addMarkerQuotes = quoted;
   e->sourceLine = sourceLine;
   return e;
@@ -329,7 +358,7 @@ static void SortRecords(ListType list, CompareFunction compare) {
   bool inOrder = true;
   for (int i = 0; i < n; ++i) {
     if (!a[i]->key) return ListQuickSort(list, compare);
-    if (i > 0 && inOrder && KeyCompare(a[i - 1]->key, a[i]->key) >= 0) inOrder = false;
+    if (i > 0 && inOrder && RecordKeyCompare(a[i - 1], a[i]) >= 0) inOrder = false;
   }
   if (inOrder) return;
   R local[64];
@@ -344,7 +373,7 @@ static void SortRecords(ListType list, CompareFunction compare) {
       R x = copy[i];
       int j = i;
       while (j > 0) {
-        int c = KeyCompare(copy[j - 1]->key, x->key);
+        int c = RecordKeyCompare(copy[j - 1], x);
         if (c == 0) distinct = false;
         if (c <= 0) break;
         copy[j] = copy[j - 1];
@@ -353,8 +382,8 @@ static void SortRecords(ListType list, CompareFunction compare) {
       copy[j] = x;
     }
   } else {
-    std::sort(copy, copy + n, [](R x, R y) { return KeyCompare(x->key, y->key) < 0; });
-    for (int i = 1; i < n && distinct; ++i) distinct = KeyCompare(copy[i - 1]->key, copy[i]->key) != 0;
+    std::sort(copy, copy + n, [](R x, R y) { return RecordKeyCompare(x, y) < 0; });
+    for (int i = 1; i < n && distinct; ++i) distinct = RecordKeyCompare(copy[i - 1], copy[i]) != 0;
   }
   if (distinct)
     memcpy(a, copy, sizeof(R) * (size_t)n);
@@ -431,11 +460,12 @@ static const char* NameOf(IniEntry e) { return e->name; }
 template <class R>
 static R SearchRecords(ListType list, const char* key, const char* name) {
   R* a = (R*)ListGetDataPtr(list);
+  unsigned long long prefix = key ? KeyPrefix(key) : 0;
   int low = 0, high = ListNumItems(list) - 1;
   while (low <= high) {
     int mid = (int)(((unsigned)low + (unsigned)high) >> 1);
     R r = a[mid];
-    int cmp = key && r->key ? KeyCompare(key, r->key) : CompareTrimmedNoCase(name, NameOf(r));
+    int cmp = key && r->key ? PrefixedCompare(key, prefix, r->key, r->keyPrefix) : CompareTrimmedNoCase(name, NameOf(r));
     if (cmp == 0) return r;
     if (cmp > 0)
       low = mid + 1;
