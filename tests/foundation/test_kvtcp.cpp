@@ -287,33 +287,6 @@ TEST(Close, NeverConnectedClosesOnlyTheOpenMutexes) {
   kvtcp_Close(nullptr);
 }
 
-TEST(Disconnect, ClosesEverySocketThenOnlyLogs) {
-  LogCapture log;
-  auto r = zeroed();
-  Pair core, abortCh, intr;
-  strcpy(r->TcpipAddr, "127.0.0.8");
-  r->tcpType = KVTCP_RAW;
-  r->Connected = 1;
-  r->S_Core = core.give();
-  r->S_Abort = abortCh.give();
-  r->S_Intr = intr.give();
-  open_mutex_intf(r.get(), "127.0.0.8");
-  kvtcp_Disconnect(r.get());
-  EXPECT_EQ(r->Connected, 0);
-  EXPECT_EQ(r->S_Core | r->S_Abort | r->S_Intr, 0);
-  for (Pair* p : {&core, &abortCh, &intr}) EXPECT_TRUE(p->closedByRecord());
-  EXPECT_NE(r->hIntfMutex, nullptr);  // kept for a reconnect
-  for (const char* what : {"close core socket", "close abort socket", "close intr socket"})
-    EXPECT_TRUE(log.anyContains(what)) << what;
-
-  g_log.clear();
-  kvtcp_Disconnect(r.get());
-  ASSERT_EQ(g_log.size(), 1u);
-  EXPECT_NE(g_log[0].text.find("127.0.0.8"), std::string::npos);
-  kvtcp_Close(r.get());
-  EXPECT_EQ(r->hIntfMutex, nullptr);
-}
-
 TEST(CoreFailure, OtherErrorsDoNotCountAsTimeOuts) {
   auto r = zeroed();
   Pair core, intr;
@@ -339,19 +312,6 @@ TEST(CoreFailure, OtherErrorsDoNotCountAsTimeOuts) {
   EXPECT_TRUE(intr.closedByRecord());
   EXPECT_EQ(semValue(r->hCoreMutex), 1);
   kvtcp_Close(r.get());
-}
-
-TEST(CoreFailure, PrepareDrainsAHalfReadReply) {
-  auto r = zeroed();
-  Pair core;
-  r->S_Core = core.a;
-  ASSERT_EQ(send(core.b, "late reply bytes", 16, 0), 16);
-  kvtcp_PrepareCore(r.get());  // clean state: nothing drained
-  EXPECT_EQ(CheckForRecv(core.a, 0), 1);
-  r->CoreState = -1;
-  kvtcp_PrepareCore(r.get());
-  EXPECT_EQ(r->CoreState, 0);
-  EXPECT_EQ(CheckForRecv(core.a, 0), 0);
 }
 
 TEST(SocketOptions, OnlyRawConnectionsAreTuned) {
@@ -647,24 +607,6 @@ TEST(SendHdrData, SendsMaxlenBytesOfHeaderAndData) {
   }
   p.closeB();
   EXPECT_EQ(SendHdrData(p.a, "HDR:", 4, "abcdef", 6, 10), VI_ERROR_CONN_LOST);
-}
-
-TEST(ConnectTmo, ConnectsAndRestoresBlockingOrFindsNoOne) {
-  sockaddr_in addr{};
-  {
-    Listener l;
-    addr = l.addr;
-    int s = socket(AF_INET, SOCK_STREAM, 0);
-    EXPECT_EQ(ConnectTmo(s, &l.addr), VI_SUCCESS);
-    EXPECT_EQ(fcntl(s, F_GETFL) & O_NONBLOCK, 0);
-    int a = accept(l.fd, nullptr, nullptr);
-    EXPECT_GE(a, 0);
-    close(a);
-    close(s);
-  }
-  int s = socket(AF_INET, SOCK_STREAM, 0);  // the port given up again
-  EXPECT_EQ(ConnectTmo(s, &addr), VI_ERROR_RSRC_NFOUND);
-  close(s);
 }
 
 TEST(ConnectTmo, SilentPeerTimesOut) {
