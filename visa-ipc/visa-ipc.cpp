@@ -105,14 +105,19 @@ ViStatus util_mutex_open(const char* mutexName, MUTEX_TYPE* hMutex) {
 }
 
 // A pure spin on sem_trywait: the waits are short and must not sleep.
+// A free semaphore is taken without reading the clock: the time-out runs
+// from the first failed try.
 ViStatus util_mutex_lock(MUTEX_TYPE hMutex, ViUInt32 s_tmo) {
   if (!hMutex) return VI_ERROR_INV_OBJECT;
-  double tEnd = util_timer_sec() + (double)s_tmo;
-  for (;;) {
+  double tEnd = 0;
+  for (bool first = true;; first = false) {
     errno = 0;
     if (sem_trywait(hMutex) == 0) return VI_SUCCESS;
     if (errno != EAGAIN) return VI_ERROR_SYSTEM_ERROR;
-    if (!(util_timer_sec() < tEnd)) return VI_ERROR_TMO;
+    if (first)
+      tEnd = util_timer_sec() + (double)s_tmo;
+    else if (!(util_timer_sec() < tEnd))
+      return VI_ERROR_TMO;
   }
 }
 

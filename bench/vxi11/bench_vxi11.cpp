@@ -173,7 +173,10 @@ int main(int argc, char** argv) {
 
   const size_t bulk = quick ? 64 * 1024 : 1024 * 1024;
   const std::string dataq = "DATA? " + std::to_string(bulk);
-  std::vector<char> buf(bulk + 64);
+  // The instrument answers a definite-length block: "#", the count of
+  // length digits, the length, the bytes and a newline.
+  const size_t answer = 2 + std::to_string(bulk).size() + bulk + 1;
+  std::vector<char> buf(answer + 64);
   const int nq = quick ? 100 : 500, nb = quick ? 3 : 10;
   for (int r = 0; r < rounds; r++) {
     std::vector<double> d, l, f;
@@ -206,21 +209,21 @@ int main(int argc, char** argv) {
           double t0 = nowNs();
           int st = kvtcp_Read(kv, 2000, buf.data(), (int)buf.size(), 0x0002, 0, &n);
           d.push_back(nowNs() - t0);
-          return st >= 0 && (size_t)n == bulk;
+          return st >= 0 && (size_t)n == answer;
         },
         [&] {
           if (lxi_send(dev, dataq.c_str(), (int)dataq.size(), 2000) != (int)dataq.size()) return false;
           double t0 = nowNs();
           int m = lxi_receive(dev, buf.data(), (int)buf.size(), 2000);
           l.push_back(nowNs() - t0);
-          return m == (int)bulk;
+          return m == (int)answer;
         },
         [&] {
           if (!fl.write(dataq)) return false;
           double t0 = nowNs();
           long k = fl.read(buf.data(), buf.size());
           f.push_back(nowNs() - t0);
-          return k == (long)bulk;
+          return k == (long)answer;
         }};
     for (int i = 0; i < 3 * nb; i++)
       for (int k = 0; k < 3; k++)

@@ -54,11 +54,6 @@ void open_mutex_intf(pKvTcpInfo intf, const char* addr) {
   open_named(intf->intfMutexName, sizeof intf->intfMutexName, "/kv%sMutex_Intf", addr, &intf->hIntfMutex);
 }
 
-// Neither wait takes the lock: mutual exclusion is the driver's process-wide
-// mutex.  ReleaseCoreLock still posts the core semaphore; both are kept as
-// designed and must stay paired this way.
-int WaitIntfLock(pKvTcpInfo intf) { return intf->hIntfMutex ? VI_SUCCESS : VI_ERROR_CONN_LOST; }
-void ReleaseIntfLock(pKvTcpInfo intf) { (void)intf; }
 int WaitCoreLock(pKvTcpInfo intf) { return intf->hCoreMutex ? VI_SUCCESS : VI_ERROR_CONN_LOST; }
 void ReleaseCoreLock(pKvTcpInfo intf) {
   util_mutex_unlock((MUTEX_TYPE)intf->hCoreMutex);

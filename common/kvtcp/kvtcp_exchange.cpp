@@ -179,7 +179,7 @@ int KvExchangeGuard::resync(pKvTcpInfo intf) {
     ok = readExact(s, &h, sizeof h, deadline) && h.Prologue[0] == 'H' && h.Prologue[1] == 'S' && h.dataLenHigh == 0;
     if (!ok) break;
     x_->owed--;
-    ok = discard(s, myntohl(h.dataLen), deadline);
+    ok = discard(s, wireSwap32(h.dataLen), deadline);
   }
   if (ok) {
     KVTCP_LOG("stale answer dropped");

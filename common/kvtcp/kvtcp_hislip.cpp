@@ -160,7 +160,7 @@ void asyncLoop(const AsyncStart& st) {
     }
     if (r == 0) break;  // closed: an empty read would only repeat for ever
     if (h.Prologue[0] != 'H' || h.Prologue[1] != 'S' || h.dataLenHigh != 0) break;
-    uint32_t len = myntohl(h.dataLen);
+    uint32_t len = wireSwap32(h.dataLen);
     h.dataLen = len;
 
     switch (h.msg) {
@@ -176,7 +176,7 @@ void asyncLoop(const AsyncStart& st) {
           KVTCP_LOG("error recv AsyncChan");
           goto leave;
         }
-        kvStore(intf->hislipMaximumMessageSize, v[0] == 0 ? myntohl(v[1]) : kDefaultMaxMessageSize);
+        kvStore(intf->hislipMaximumMessageSize, v[0] == 0 ? wireSwap32(v[1]) : kDefaultMaxMessageSize);
         continue;
       }
       case HISLIP_AsyncServiceRequest: {
@@ -282,7 +282,7 @@ int hislip_SendParts(SOCKET s, sHiSPLIP_Header* hdr, const void* head, int headL
   if (dataLen < 0 || !data) dataLen = 0;
   int len = headLen + dataLen;
   if (hdr->msg == HISLIP_VendorSpecific) len = (int)(((unsigned)len + 3u) & ~3u);
-  hdr->dataLen = myhtonl((uint32_t)len);
+  hdr->dataLen = wireSwap32((uint32_t)len);
   int n = 0;
   if (len == 0) return sendAll(s, (const char*)hdr, sizeof *hdr, &n);
 
@@ -328,7 +328,7 @@ int hislip_SendParts(SOCKET s, sHiSPLIP_Header* hdr, const void* head, int headL
     KVTCP_LOG("send s%X error %X wsa %d\n", s, (unsigned)st, errno);
   else if (len > first)
     st = sendAll(s, (const char*)data + (first - headLen), len - first, &n);
-  free(owned);
+  if (owned) free(owned);
   return st;
 }
 
@@ -353,10 +353,10 @@ int hislip_Query(SOCKET s, ViUInt32 tmo, sHiSPLIP_Header* outHdr, int len, const
     kvtcp_syncLeft.state = KvSyncLeft::kLost;
     uint32_t w[3];
     memcpy(w, inHdr, sizeof w);
-    KVTCP_LOG("Wrong Header, get %08X%08X%08X\n", myntohl(w[0]), myntohl(w[1]), myntohl(w[2]));
+    KVTCP_LOG("Wrong Header, get %08X%08X%08X\n", wireSwap32(w[0]), wireSwap32(w[1]), wireSwap32(w[2]));
     return VI_ERROR_CONN_LOST;
   }
-  inHdr->dataLen = myntohl(inHdr->dataLen);
+  inHdr->dataLen = wireSwap32(inHdr->dataLen);
   if (inHdr->msg != HISLIP_FatalError && inHdr->msg != HISLIP_Error) return VI_SUCCESS;
 
   uint32_t elen = inHdr->dataLen;
@@ -605,7 +605,7 @@ int kvtcp_hislip_Write(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int count, 
   sHiSPLIP_Header h;
   memset(&h, 0, sizeof h);
   h.msg = (flags & (KVTCP_FLAG_EOS | KVTCP_FLAG_END)) ? HISLIP_DataEnd : HISLIP_Data;
-  h.param = myhtonl(nextMessageId(intf));
+  h.param = wireSwap32(nextMessageId(intf));
   if (!(flags & KVTCP_FLAG_LOCKED)) {
     int st = WaitIntfLock(intf);
     if (st < 0) return st;
@@ -666,7 +666,7 @@ int kvtcp_hislip_Read(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int count, V
   sHiSPLIP_Header* in = &intf->hislipInHdr;
   int begun = beginMessage(intf, timeout, flags);
   if (begun < 0) return begun;
-  intf->hislipInMesageID = (int)myntohl(in->param);
+  intf->hislipInMesageID = (int)wireSwap32(in->param);
 
   uint32_t remaining = in->dataLen;
   int n = 0;
@@ -725,7 +725,7 @@ int kvtcp_hislip_Read(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int count, V
 }
 
 int kvtcp_hislip_ReadSTB(pKvTcpInfo intf, ViUInt32 tmo, ViUInt16* stb) {
-  int st = sendAsync(intf, HISLIP_AsyncStatusQuery, myhtonl(nextMessageId(intf)));
+  int st = sendAsync(intf, HISLIP_AsyncStatusQuery, wireSwap32(nextMessageId(intf)));
   if (st < 0) return st;
   int i = pollAsync(intf, tmo, HISLIP_AsyncStatusResponse);
   if (i < 0) return VI_ERROR_TMO;

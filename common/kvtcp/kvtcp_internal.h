@@ -37,11 +37,19 @@ int recvMinQueued(SOCKET s, ViUInt32 tmo, char* buf, int len, int minlen, int* n
 // Socket connect with a one-second time-out (non-blocking connect + wait).
 int ConnectTmo(SOCKET s, struct sockaddr_in* addr);
 
+// Wire (big-endian) order of a 32-bit word, inline for the exchange paths;
+// myntohl and myhtonl are the exported equivalents.
+inline uint32_t wireSwap32(uint32_t v) { return __builtin_bswap32(v); }
+
 // Named per-connection mutexes and the (deliberately non-blocking) locks.
 void open_mutex_core(pKvTcpInfo intf, const char* addr);
 void open_mutex_intf(pKvTcpInfo intf, const char* addr);
-int WaitIntfLock(pKvTcpInfo intf);
-void ReleaseIntfLock(pKvTcpInfo intf);
+// Neither wait takes the lock: mutual exclusion is the driver's process-wide
+// mutex.  ReleaseCoreLock still posts the core semaphore; all are kept as
+// designed and must stay paired this way.  The interface pair is inline:
+// every exchange passes through it.
+inline int WaitIntfLock(pKvTcpInfo intf) { return intf->hIntfMutex ? VI_SUCCESS : VI_ERROR_CONN_LOST; }
+inline void ReleaseIntfLock(pKvTcpInfo intf) { (void)intf; }
 int WaitCoreLock(pKvTcpInfo intf);
 void ReleaseCoreLock(pKvTcpInfo intf);
 

@@ -27,11 +27,13 @@ struct IniStructForwardReferenceTag {
   Ini_SectionFilterFunc sectionFilter;
   void* sectionFilterCallbackData;
   Handle stringCache;
+  void* entryArena;     // the blocks the item records live in
+  char namesWithBlanks;  // some item read so far has a blank in its name
 };
 
 // Sections and items keep, beside their name, its sort key: the trimmed
 // name folded to lower case once, when it is stored, so that sorting and
-// binary search compare plain bytes.  A null key (a name changed after it
+// binary search compare plain bytes (the first eight of them as one number).  A null key (a name changed after it
 // was stored) makes comparisons fold the name itself.
 struct IniSectionStructTag {
   char* sectionName;
@@ -40,6 +42,7 @@ struct IniSectionStructTag {
   char sorted;
   int sourceLine;
   char* key;
+  unsigned long long keyPrefix;  // the key's first 8 bytes, big-endian, zero-padded
 };
 
 struct _iniEntryStruct {
@@ -48,6 +51,7 @@ struct _iniEntryStruct {
   int sourceLine;
   int addMarkerQuotes;
   char* key;
+  unsigned long long keyPrefix;
 };
 
 struct LineFileForwardReferenceTag {

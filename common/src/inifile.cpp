@@ -3,11 +3,14 @@
 // one message it prints is the perror line for a file that cannot be opened.
 #include <errno.h>
 #include <limits.h>
+#include <stddef.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
 #include <ctype.h>
+
+#include <algorithm>
 
 #include "chartables.h"
 #include "ini_internal.h"
@@ -62,11 +65,38 @@ static int KeyCompare(const char* a, const char* b) {
   return x == y ? 0 : (x < y ? -1 : 1);
 }
 
+// The first 8 bytes of a key as one big-endian number, zero-padded: two
+// prefixes compare as the keys' first 8 bytes do under KeyCompare.
+static unsigned long long KeyPrefix(const char* k) {
+  unsigned long long p = 0;
+  bool ended = false;
+  for (int i = 0; i < 8; ++i) {
+    unsigned char c = ended ? 0 : (unsigned char)k[i];
+    ended = c == 0;
+    p = p << 8 | c;
+  }
+  return p;
+}
+
+// KeyCompare with the prefixes deciding most comparisons at once.  Equal
+// prefixes whose last byte is 0 are equal keys (both end within them);
+// otherwise both keys go on past their eighth byte.
+static inline int PrefixedCompare(const char* a, unsigned long long pa, const char* b, unsigned long long pb) {
+  if (pa != pb) return pa < pb ? -1 : 1;
+  if ((pa & 0xFF) == 0) return 0;
+  return KeyCompare(a + 8, b + 8);
+}
+
+template <class R>
+static inline int RecordKeyCompare(R x, R y) {
+  return PrefixedCompare(x->key, x->keyPrefix, y->key, y->keyPrefix);
+}
+
 static int SectionNameCompare(const void* a, const void* b) {
   IniSection x, y;
   memcpy(&x, a, sizeof x);
   memcpy(&y, b, sizeof y);
-  if (x->key && y->key) return KeyCompare(x->key, y->key);
+  if (x->key && y->key) return RecordKeyCompare(x, y);
   return CompareTrimmedNoCase(x->sectionName, y->sectionName);
 }
 
@@ -74,7 +104,7 @@ static int EntryNameCompare(const void* a, const void* b) {
   IniEntry x, y;
   memcpy(&x, a, sizeof x);
   memcpy(&y, b, sizeof y);
-  if (x->key && y->key) return KeyCompare(x->key, y->key);
+  if (x->key && y->key) return RecordKeyCompare(x, y);
   return CompareTrimmedNoCase(x->name, y->name);
 }
 
@@ -87,48 +117,100 @@ static void Trimmed(const CharTables& t, const char* name, const char** start, s
   *len = n;
 }
 
-static void FoldInto(const CharTables& t, char* dst, const char* src, size_t n) {
-  for (size_t i = 0; i < n; ++i) dst[i] = (char)t.fold((unsigned char)src[i]);
+// Returns whether the name holds a blank (only such a name can be part of a
+// multi-line item).
+static bool FoldInto(const CharTables& t, char* dst, const char* src, size_t n) {
+  bool blank = false;
+  for (size_t i = 0; i < n; ++i) {
+    blank |= src[i] == ' ';
+    dst[i] = (char)t.fold((unsigned char)src[i]);
+  }
   dst[n] = 0;
+  return blank;
 }
 
-// The key of a name given for a look-up, in buf (INI_LINE_BUF bytes); null
-// for a name too long for it, which is then compared the slow way.
+// The key of a name given for a look-up, in buf (INI_LINE_BUF bytes), made
+// in one pass; null for a name too long for it, which is then compared the
+// slow way.
 static char* LookupKey(const char* name, char* buf) {
   CharTables t;
-  const char* start;
-  size_t n;
-  Trimmed(t, name, &start, &n);
-  if (n >= INI_LINE_BUF) return nullptr;
-  FoldInto(t, buf, start, n);
+  while (*name && t.space((unsigned char)*name)) ++name;
+  size_t n = 0, end = 0;
+  for (; name[n]; ++n) {
+    if (n >= INI_LINE_BUF - 1) return nullptr;
+    unsigned char c = (unsigned char)name[n];
+    buf[n] = (char)t.fold(c);
+    if (!t.space(c)) end = n + 1;
+  }
+  buf[end] = 0;
   return buf;
 }
 
 // ---------------------------------------------------------------- records
 
-// A section or item is one allocation: the record, then its strings (name,
-// value, key), so that reading a file costs one allocation per line.  A
-// string replaced later (coalescing) is a separate allocation of its own.
+// An item is one record: the record, then its strings (name, value, key).
+// Items are only ever created while reading and die with their document, so
+// their records are carved out of blocks the document owns and freed with
+// it, not one allocation each.  A string replaced later (coalescing) is a
+// separate allocation of its own, freed with the item.
+struct IniArenaBlock {
+  IniArenaBlock* next;
+  size_t used, size;
+  alignas(16) char data[1];
+};
+
+static const size_t kArenaBlockSize = 16384;
+
+static void* ArenaAlloc(IniText doc, size_t bytes) {
+  bytes = (bytes + 15) & ~(size_t)15;
+  IniArenaBlock* b = (IniArenaBlock*)doc->entryArena;
+  if (!b || b->size - b->used < bytes) {
+    size_t size = bytes > kArenaBlockSize ? bytes : kArenaBlockSize;
+    IniArenaBlock* nb = (IniArenaBlock*)malloc(offsetof(IniArenaBlock, data) + size);
+    if (!nb) return nullptr;
+    nb->next = b;
+    nb->used = 0;
+    nb->size = size;
+    doc->entryArena = nb;
+    b = nb;
+  }
+  void* at = b->data + b->used;
+  b->used += bytes;
+  return at;
+}
+
+static void ArenaDispose(IniText doc) {
+  for (IniArenaBlock* b = (IniArenaBlock*)doc->entryArena; b;) {
+    IniArenaBlock* next = b->next;
+    free(b);
+    b = next;
+  }
+  doc->entryArena = nullptr;
+}
+
 static char* InlineBase(void* record, size_t recordSize) { return (char*)record + recordSize; }
 
-static void DisposeEntry(IniEntry entry) {
-  if (!entry) return;
+// Lists of sections and items hold record pointers; internal walks read
+// them in place.
+static inline IniSection* Sections(ListType list) { return (IniSection*)ListGetDataPtr(list); }
+static inline IniEntry* Entries(ListType list) { return (IniEntry*)ListGetDataPtr(list); }
+
+// Frees what an item owns beyond its record: only a coalesced item (no key)
+// has strings of its own.
+static void DisposeEntryStrings(IniEntry entry) {
+  if (!entry || entry->key) return;
   char* name = InlineBase(entry, sizeof *entry);
   char* value = name + strlen(name) + 1;
   if (entry->name != name) free(entry->name);
   if (entry->value != value) free(entry->value);
-  free(entry);
 }
 
 static void DisposeSection(IniSection section) {
   if (!section) return;
   if (section->sectionName != InlineBase(section, sizeof *section)) free(section->sectionName);
   int n = ListNumItems(section->entryList);
-  for (int i = 1; i <= n; ++i) {
-    IniEntry e = nullptr;
-    ListGetItem(section->entryList, &e, i);
-    DisposeEntry(e);
-  }
+  IniEntry* e = Entries(section->entryList);
+  for (int i = 0; i < n; ++i) DisposeEntryStrings(e[i]);
   ListDispose(section->entryList);
   ListDispose(section->internallySortedEntryList);
   free(section);
@@ -148,6 +230,7 @@ static IniSection NewSection(const char* name, char sorted, int sourceLine) {
   s->sectionName[n] = 0;
   s->key = s->sectionName + n + 1;
   FoldInto(t, s->key, start, n);
+  s->keyPrefix = KeyPrefix(s->key);
   s->entryList = ListCreate(sizeof(IniEntry));
   if (!s->entryList) {
     DisposeSection(s);
@@ -159,7 +242,7 @@ static IniSection NewSection(const char* name, char sorted, int sourceLine) {
   return s;
 }
 
-static IniEntry NewEntry(const char* name, const char* value, int sourceLine) {
+static IniEntry NewEntry(IniText doc, const char* name, const char* value, int sourceLine) {
   if (!name || !value) return nullptr;
   CharTables t;
   const char* start;
@@ -170,7 +253,7 @@ static IniEntry NewEntry(const char* name, const char* value, int sourceLine) {
   int quoted = vlen >= 2 && value[0] == '"' && value[vlen - 1] == '"';
   const char* v = quoted ? value + 1 : value;
   if (quoted) vlen -= 2;
-  IniEntry e = (IniEntry)malloc(sizeof *e + 2 * (n + 1) + vlen + 1);
+  IniEntry e = (IniEntry)ArenaAlloc(doc, sizeof *e + 2 * (n + 1) + vlen + 1);
   if (!e) return nullptr;
   e->name = InlineBase(e, sizeof *e);
   memcpy(e->name, start, n);
@@ -179,23 +262,16 @@ static IniEntry NewEntry(const char* name, const char* value, int sourceLine) {
   memcpy(e->value, v, vlen);
   e->value[vlen] = 0;
   e->key = e->value + vlen + 1;
-  FoldInto(t, e->key, start, n);
+  if (FoldInto(t, e->key, start, n)) doc->namesWithBlanks = 1;
+  e->keyPrefix = KeyPrefix(e->key);
   e->addMarkerQuotes = quoted;
   e->sourceLine = sourceLine;
   return e;
 }
 
-static IniSection SectionAt(IniText doc, int n) {
-  IniSection s = nullptr;
-  ListGetItem(doc->sectionList, &s, n);
-  return s;
-}
+static IniSection SectionAt(IniText doc, int n) { return Sections(doc->sectionList)[n - 1]; }
 
-static IniEntry EntryAt(IniSection section, int n) {
-  IniEntry e = nullptr;
-  ListGetItem(section->entryList, &e, n);
-  return e;
-}
+static IniEntry EntryAt(IniSection section, int n) { return Entries(section->entryList)[n - 1]; }
 
 // ---------------------------------------------------------------- documents
 
@@ -224,6 +300,7 @@ void Ini_Dispose(IniText theIniText) {
   ListDispose(theIniText->sectionList);
   ListDispose(theIniText->internallySortedList);
   DisposeHandle(theIniText->stringCache);
+  ArenaDispose(theIniText);
   free(theIniText);
 }
 
@@ -268,15 +345,62 @@ int Ini_SetDuplicateChecking(IniText theIniText, int checkForDuplicates) {
 
 // ---------------------------------------------------------------- sorting
 
+// Sorts a list of sections or items.  When every record has its key and
+// no two keys are equal, the sorted order is the only one there is, so any
+// sort gives it: the keys are sorted inline (and a list already in order is
+// left alone).  Equal keys, or a record without its key, go through the
+// list's own quicksort, whose order of equal names look-ups depend on.
+template <class R>
+static void SortRecords(ListType list, CompareFunction compare) {
+  int n = ListNumItems(list);
+  if (n < 2) return;
+  R* a = (R*)ListGetDataPtr(list);
+  bool inOrder = true;
+  for (int i = 0; i < n; ++i) {
+    if (!a[i]->key) return ListQuickSort(list, compare);
+    if (i > 0 && inOrder && RecordKeyCompare(a[i - 1], a[i]) >= 0) inOrder = false;
+  }
+  if (inOrder) return;
+  R local[64];
+  R* copy = n <= 64 ? local : (R*)malloc(sizeof(R) * (size_t)n);
+  if (!copy) return ListQuickSort(list, compare);
+  memcpy(copy, a, sizeof(R) * (size_t)n);
+  bool distinct = true;
+  if (n <= 32) {
+    // A section's few items: insertion sort, which also sees every pair of
+    // neighbours it settles.
+    for (int i = 1; i < n && distinct; ++i) {
+      R x = copy[i];
+      int j = i;
+      while (j > 0) {
+        int c = RecordKeyCompare(copy[j - 1], x);
+        if (c == 0) distinct = false;
+        if (c <= 0) break;
+        copy[j] = copy[j - 1];
+        --j;
+      }
+      copy[j] = x;
+    }
+  } else {
+    std::sort(copy, copy + n, [](R x, R y) { return RecordKeyCompare(x, y) < 0; });
+    for (int i = 1; i < n && distinct; ++i) distinct = RecordKeyCompare(copy[i - 1], copy[i]) != 0;
+  }
+  if (distinct)
+    memcpy(a, copy, sizeof(R) * (size_t)n);
+  else
+    ListQuickSort(list, compare);
+  if (copy != local) free(copy);
+}
+
 void Ini_Sort(IniText theIniText) {
   if (!theIniText) return;
   int n = ListNumItems(theIniText->sectionList);
   for (int i = 1; i <= n; ++i) {
     IniSection s = SectionAt(theIniText, i);
-    ListQuickSort(s->entryList, EntryNameCompare);
+    SortRecords<IniEntry>(s->entryList, EntryNameCompare);
     s->sorted = 1;
   }
-  ListQuickSort(theIniText->sectionList, SectionNameCompare);
+  SortRecords<IniSection>(theIniText->sectionList, SectionNameCompare);
   theIniText->sorted = 1;
 }
 
@@ -309,7 +433,7 @@ int Ini_SortInternally(IniText theIniText) {
       Ini_DisableInternalSorting(theIniText);
       return -1;
     }
-    ListQuickSort(copy, EntryNameCompare);
+    SortRecords<IniEntry>(copy, EntryNameCompare);
     ListDispose(s->internallySortedEntryList);
     s->internallySortedEntryList = copy;
   }
@@ -318,7 +442,7 @@ int Ini_SortInternally(IniText theIniText) {
     Ini_DisableInternalSorting(theIniText);
     return -1;
   }
-  ListQuickSort(copy, SectionNameCompare);
+  SortRecords<IniSection>(copy, SectionNameCompare);
   ListDispose(theIniText->internallySortedList);
   theIniText->internallySortedList = copy;
   return 0;
@@ -326,22 +450,45 @@ int Ini_SortInternally(IniText theIniText) {
 
 // ---------------------------------------------------------------- look-up
 
+// Binary search over a sorted list of records, probing the same positions
+// as the list's own search (so among equal names the same one is found),
+// with the comparison inline: the look-up key against a record's key, or
+// the names folded on the fly where either key is missing.
+static const char* NameOf(IniSection s) { return s->sectionName; }
+static const char* NameOf(IniEntry e) { return e->name; }
+
+template <class R>
+static R SearchRecords(ListType list, const char* key, const char* name) {
+  R* a = (R*)ListGetDataPtr(list);
+  unsigned long long prefix = key ? KeyPrefix(key) : 0;
+  int low = 0, high = ListNumItems(list) - 1;
+  while (low <= high) {
+    int mid = (int)(((unsigned)low + (unsigned)high) >> 1);
+    R r = a[mid];
+    int cmp = key && r->key ? PrefixedCompare(key, prefix, r->key, r->keyPrefix) : CompareTrimmedNoCase(name, NameOf(r));
+    if (cmp == 0) return r;
+    if (cmp > 0)
+      low = mid + 1;
+    else
+      high = mid - 1;
+  }
+  return nullptr;
+}
+
 IniSection Ini_FindSection(IniText theIniText, const char* sectionName) {
   if (!theIniText || !sectionName) return nullptr;
   IniSection cached = theIniText->lastSectionAccessed;
-  if (cached && stricmpWithoutSurrWhiteSpace(cached->sectionName, sectionName) == 0) return cached;
-  struct IniSectionStructTag keyRecord;
-  memset(&keyRecord, 0, sizeof keyRecord);
-  keyRecord.sectionName = (char*)sectionName;
-  char keyBuf[INI_LINE_BUF];
-  IniSection key = &keyRecord;
+  // Stored names are trimmed, so a name equal byte for byte is the same
+  // name: the usual repeated look-up costs one strcmp.
+  if (cached && (strcmp(cached->sectionName, sectionName) == 0 ||
+                 stricmpWithoutSurrWhiteSpace(cached->sectionName, sectionName) == 0))
+    return cached;
   IniSection found = nullptr;
   ListType list = theIniText->internallySortedList;
   if (list || theIniText->sorted) {
     if (!list) list = theIniText->sectionList;
-    keyRecord.key = LookupKey(sectionName, keyBuf);
-    int at = ListBinSearch(list, &key, SectionNameCompare);
-    if (at > 0) ListGetItem(list, &found, at);
+    char keyBuf[INI_LINE_BUF];
+    found = SearchRecords<IniSection>(list, LookupKey(sectionName, keyBuf), sectionName);
   } else {
     int n = ListNumItems(theIniText->sectionList);
     for (int i = 1; i <= n && !found; ++i) {
@@ -355,18 +502,12 @@ IniSection Ini_FindSection(IniText theIniText, const char* sectionName) {
 
 IniEntry Ini_FindEntry(IniSection section, const char* itemName) {
   if (!section || !itemName) return nullptr;
-  struct _iniEntryStruct keyRecord;
-  memset(&keyRecord, 0, sizeof keyRecord);
-  keyRecord.name = (char*)itemName;
-  char keyBuf[INI_LINE_BUF];
-  IniEntry key = &keyRecord;
   IniEntry found = nullptr;
   ListType list = section->internallySortedEntryList;
   if (list || section->sorted) {
     if (!list) list = section->entryList;
-    keyRecord.key = LookupKey(itemName, keyBuf);
-    int at = ListBinSearch(list, &key, EntryNameCompare);
-    if (at > 0) ListGetItem(list, &found, at);
+    char keyBuf[INI_LINE_BUF];
+    found = SearchRecords<IniEntry>(list, LookupKey(itemName, keyBuf), itemName);
   } else {
     int n = ListNumItems(section->entryList);
     for (int i = 1; i <= n && !found; ++i) {
@@ -436,14 +577,20 @@ static void CopyBounded(char* dest, const char* src, size_t len) {
   dest[len] = 0;
 }
 
+static const char* SkipSpace(const CharTables& t, const char* p) {
+  while (*p && t.space((unsigned char)*p)) ++p;
+  return p;
+}
+
 int ParseTagTextSectionTitle(IniText theIniText, const char* text, char* sectionName) {
   if (!theIniText || !text || !sectionName) return -1;
-  text = SkipWhiteSpace(text);
+  CharTables t;
+  text = SkipSpace(t, text);
   const char* end = strrchr(text, theIniText->sectionNameEndChar);
   if (!end || theIniText->sectionNameEndChar == 0) return kIni_NotAnIniLine;
-  if (HasNonWhiteSpace(end + 1)) return kIni_NotAnIniLine;
+  if (*SkipSpace(t, end + 1)) return kIni_NotAnIniLine;
   size_t len = (size_t)(end - text);
-  while (len > 0 && isspace((unsigned char)text[len - 1])) --len;
+  while (len > 0 && t.space((unsigned char)text[len - 1])) --len;
   if (len == 0) return kIni_NotAnIniLine;
   CopyBounded(sectionName, text, len);
   return kIni_SectionLine;
@@ -451,21 +598,22 @@ int ParseTagTextSectionTitle(IniText theIniText, const char* text, char* section
 
 int ParseTagTextLine(IniText theIniText, const char* line, char* sectionName, char* itemName, char* value) {
   if (!theIniText || !line || !sectionName || !itemName || !value) return -1;
-  const char* p = SkipWhiteSpace(line);
-  size_t markerLen = strlen(theIniText->commentMarker);
-  if (markerLen > 0 && strncmp(p, theIniText->commentMarker, markerLen) == 0) return kIni_CommentLine;
+  CharTables t;
+  const char* p = SkipSpace(t, line);
+  const char* marker = theIniText->commentMarker;
+  if (marker[0] && p[0] == marker[0] && strncmp(p, marker, strlen(marker)) == 0) return kIni_CommentLine;
   if (*p && *p == theIniText->sectionNameStartChar) return ParseTagTextSectionTitle(theIniText, p + 1, sectionName);
   const char* sep = theIniText->nameValueInputSeparatorToken;
-  size_t sepLen = strlen(sep);
-  if (sepLen == 0) return kIni_NotAnIniLine;
-  const char* at = strstr(p, sep);
+  if (sep[0] == 0) return kIni_NotAnIniLine;
+  size_t sepLen = sep[1] == 0 ? 1 : strlen(sep);
+  const char* at = sepLen == 1 ? strchr(p, sep[0]) : strstr(p, sep);
   if (!at) return kIni_NotAnIniLine;
   size_t nameLen = (size_t)(at - p);
-  while (nameLen > 0 && isspace((unsigned char)p[nameLen - 1])) --nameLen;
+  while (nameLen > 0 && t.space((unsigned char)p[nameLen - 1])) --nameLen;
   if (nameLen == 0) return kIni_NotAnIniLine;
-  const char* v = SkipWhiteSpace(at + sepLen);
+  const char* v = SkipSpace(t, at + sepLen);
   size_t valueLen = strlen(v);
-  while (valueLen > 0 && isspace((unsigned char)v[valueLen - 1])) --valueLen;
+  while (valueLen > 0 && t.space((unsigned char)v[valueLen - 1])) --valueLen;
   CopyBounded(itemName, p, nameLen);
   CopyBounded(value, v, valueLen);
   return kIni_TagAndValueLine;
@@ -550,7 +698,7 @@ int CoalesceMultiLineItems(IniSection section, int first, int last) {
   for (int i = last; i > first; --i) {
     IniEntry e = nullptr;
     ListRemoveItem(section->entryList, &e, i);
-    DisposeEntry(e);
+    DisposeEntryStrings(e);  // the record itself goes with the document
   }
   char* inlineName = InlineBase(head, sizeof *head);
   if (head->value != inlineName + strlen(inlineName) + 1) free(head->value);
@@ -563,6 +711,7 @@ int CoalesceMultiLineItems(IniSection section, int first, int last) {
 
 int Ini_CoalesceAllMultiLineItems(IniText theIniText) {
   if (!theIniText) return -1;
+  if (!theIniText->namesWithBlanks) return 0;  // no item name can end in " Line<digits>"
   int n = ListNumItems(theIniText->sectionList);
   for (int s = 1; s <= n; ++s) {
     IniSection section = SectionAt(theIniText, s);
@@ -618,13 +767,12 @@ int Ini_ReadGeneric(IniText theIniText, Ini_LineSourceFunc inputFunction, void* 
       }
       current = s;
     } else if (kind == kIni_TagAndValueLine && current) {
-      IniEntry e = NewEntry(itemName, value, lineNum);
+      IniEntry e = NewEntry(theIniText, itemName, value, lineNum);
       if (!e) {
         status = -1;
         break;
       }
       if (!ListInsertItem(current->entryList, &e, END_OF_LIST)) {
-        DisposeEntry(e);
         status = -1;
         break;
       }

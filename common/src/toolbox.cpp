@@ -304,7 +304,8 @@ char* StrDupl(const char* str) {
 
 char* SkipWhiteSpace(const char* str) {
   if (!str) return nullptr;
-  while (*str && IsSpace(*str)) ++str;
+  CharTables t;
+  while (*str && t.space((unsigned char)*str)) ++str;
   return (char*)str;
 }
 
@@ -448,21 +449,22 @@ int ConvertNumStrToUint(const char* str, unsigned int* value, int* negative) {
   if (!str) return 0;
   unsigned int v = 0;
   int neg = 0, sawDigit = 0;
+  CharTables t;
   for (const char* p = str; *p; ++p) {
     char c = *p;
-    if (IsSpace(c)) {
-      if (state != kLeading) state = kTrailing;
-    } else if (c == '+' || c == '-') {
-      if (state != kLeading) return 0;
-      neg = (c == '-');
-      state = kAfterSign;
-    } else if (c >= '0' && c <= '9') {
+    if (c >= '0' && c <= '9') {  // digits first: they are most of every number
       if (state == kTrailing) return 0;
       unsigned d = (unsigned)(c - '0');
       if (v > 429496729u || (v == 429496729u && d > 5)) return 0;
       v = v * 10 + d;
       sawDigit = 1;
       state = kDigits;
+    } else if (t.space((unsigned char)c)) {
+      if (state != kLeading) state = kTrailing;
+    } else if (c == '+' || c == '-') {
+      if (state != kLeading) return 0;
+      neg = (c == '-');
+      state = kAfterSign;
     } else {
       return 0;
     }
