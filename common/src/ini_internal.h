@@ -83,4 +83,16 @@ int SetStringCacheSize(IniText theIniText, unsigned int size);
 int UnescapeText(const char* src, char* dest);
 int GetHexCharValue(char c);
 
+// Record helpers shared by the document code (inifile.cpp) and the reader
+// (iniread.cpp).  A record's name is stored right behind the record.
+inline char* InlineBase(void* record, size_t recordSize) { return (char*)record + recordSize; }
+inline IniSection* Sections(ListType list) { return (IniSection*)ListGetDataPtr(list); }
+inline IniEntry* Entries(ListType list) { return (IniEntry*)ListGetDataPtr(list); }
+inline IniSection SectionAt(IniText doc, int n) { return Sections(doc->sectionList)[n - 1]; }
+inline IniEntry EntryAt(IniSection section, int n) { return Entries(section->entryList)[n - 1]; }
+IniSection NewSection(const char* name, char sorted, int sourceLine);
+IniEntry NewEntry(IniText doc, const char* name, const char* value, int sourceLine);
+void DisposeEntryStrings(IniEntry entry);
+void DisposeSection(IniSection section);
+
 #endif
