@@ -131,6 +131,12 @@ TEST_F(HostTool, LibraryWithoutTheEntryPointsIsRefused) {
 // What a user who mistypes, forgets the file or has no bridge is told; the
 // refused commands never reach the library.
 TEST_F(HostTool, DiagnosticsSayWhatIsWrong) {
+  // Something at 127.0.0.7:4880 that completes TCP connections (the kernel
+  // does, from the backlog) but never says a word.
+  int quiet = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in qa = kt::addr("127.0.0.7", 4880);
+  ASSERT_EQ(0, bind(quiet, (sockaddr*)&qa, sizeof qa));
+  ASSERT_EQ(0, listen(quiet, 16));
   struct Case {
     const char* resman;  // null: no file
     std::string commands;
@@ -142,6 +148,9 @@ TEST_F(HostTool, DiagnosticsSayWhatIsWrong) {
       {nullptr, "check", 1, {"problem: the resource file cannot be read", "1 problem(s) found"}},
       {"[COMMON]\nNumIntf=1\n[INTF1]\nINTF_NUM=1\nADDR=127.0.0.5\n", "start;open;stop", 0,
        {"TCP-VXI0 127.0.0.5 \"\": refused: nothing listens on 127.0.0.5:4880"}},
+      {"[COMMON]\nNumIntf=1\n[INTF1]\nINTF_NUM=1\nADDR=127.0.0.7\n", "start;open;stop;check", 1,
+       {"TCP-VXI0 127.0.0.7 \"\": silent: 127.0.0.7:4880 accepts connections but gives no HiSLIP answer",
+        "problem: [INTF1] silent: 127.0.0.7:4880", "hint: 'check' diagnoses"}},
       {"[COMMON]\nNumIntf=2\n[INTF1]\nADDR=127.0.0.1\n", "check", 1,
        {"[INTF1] has no INTF_NUM", "[INTF1] 127.0.0.1 \"\": reached", "NumIntf=2"}},
       {kResman.c_str(), "in16 0 a16 0", 1, {"error: the driver is not started", "hint: run 'start'"}},
@@ -163,6 +172,7 @@ TEST_F(HostTool, DiagnosticsSayWhatIsWrong) {
     EXPECT_EQ(c.rc, tool(c.commands, &out)) << c.commands << "\n" << out;
     expectAll(out, c.want);
   }
+  close(quiet);
 }
 
 // Another host (127.0.0.2) holds the bridge's lock: open says so.

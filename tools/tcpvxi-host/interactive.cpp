@@ -70,14 +70,21 @@ void onLine(char* l) {
 }
 
 // Prints queued reports above the prompt, then redraws the prompt and the
-// text being typed.
-void flushReports() {
+// text being typed.  Once a line has been accepted there is no prompt to
+// redraw: the reports are printed as they are.
+void flushReports(bool prompt = true) {
   std::vector<std::string> q;
   {
     std::lock_guard<std::mutex> g(g_pending);
     q.swap(g_queue);
   }
   if (q.empty()) return;
+  if (!prompt) {
+    std::lock_guard<std::mutex> g(outMutex());
+    for (auto& t : q) printf("%s\n", t.c_str());
+    fflush(stdout);
+    return;
+  }
   char* saved = rl_copy_text(0, rl_end);
   int point = rl_point;
   rl_save_prompt();
@@ -161,10 +168,11 @@ void interactive(Session& s, const std::function<void(const std::string&)>& run)
       printf("\n");
       break;
     }
-    flushReports();
+    flushReports(false);
     run(g_line);
   }
   setAsyncPrinter(nullptr);
+  flushReports(false);  // any that came with the end of input
   if (g_pipe[0] >= 0) {
     close(g_pipe[0]);
     close(g_pipe[1]);

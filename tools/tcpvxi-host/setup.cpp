@@ -82,14 +82,38 @@ ResFile readResFile() {
   return f;
 }
 
-enum class Probe { Reached, Refused, Silent, BadAddress };
+enum class Probe { Reached, Refused, Silent, Mute, BadAddress };
 const char* probeWord(Probe p) {
-  return p == Probe::Reached ? "reached" : p == Probe::Refused ? "refused" : p == Probe::Silent ? "silent" : "bad-address";
+  return p == Probe::Reached   ? "reached"
+         : p == Probe::Refused ? "refused"
+         : p == Probe::Silent || p == Probe::Mute ? "silent"
+                                                  : "bad-address";
 }
 
-// A plain TCP connection to the bridge's HiSLIP port, closed at once: tells
-// whether anything listens there, without a session or a lock.
-Probe probe(const std::string& addr, int ms = 1000) {
+// Waits up to ms for the HiSLIP peer on fd to answer an Initialize.  Any
+// HiSLIP message counts as an answer (an error message too: something that
+// speaks HiSLIP is there).
+bool answersHislip(int fd, int ms) {
+  // Initialize: version 1.0, a vendor id, sub-address "hislip0".
+  static const unsigned char init[] = {'H', 'S', 0, 0, 0x01, 0x00, 0x0E, 0x76, 0, 0, 0, 0, 0, 0, 0, 7,
+                                       'h', 'i', 's', 'l', 'i', 'p', '0'};
+  if (send(fd, init, sizeof init, MSG_NOSIGNAL) != (ssize_t)sizeof init) return false;
+  char got[2];
+  size_t n = 0;
+  while (n < sizeof got) {
+    pollfd p{fd, POLLIN, 0};
+    if (poll(&p, 1, ms) != 1) return false;
+    ssize_t r = recv(fd, got + n, sizeof got - n, 0);
+    if (r <= 0) return false;
+    n += (size_t)r;
+  }
+  return got[0] == 'H' && got[1] == 'S';
+}
+
+// A TCP connection to the bridge's HiSLIP port and one Initialize, closed at
+// once: tells whether anything listens there and whether it speaks HiSLIP,
+// without a lock.  The waits match the driver's own hand-shake time-out.
+Probe probe(const std::string& addr, int ms = 2000) {
   sockaddr_in sa{};
   sa.sin_family = AF_INET;
   sa.sin_port = htons(4880);
@@ -110,6 +134,7 @@ Probe probe(const std::string& addr, int ms = 1000) {
   } else if (errno == ECONNREFUSED) {
     r = Probe::Refused;
   }
+  if (r == Probe::Reached && !answersHislip(fd, ms)) r = Probe::Mute;
   close(fd);
   return r;
 }
@@ -118,7 +143,10 @@ std::string probeText(Probe p, const std::string& addr) {
   switch (p) {
     case Probe::Reached: return "reached";
     case Probe::Refused: return "refused: nothing listens on " + addr + ":4880 (is the bridge on and running?)";
-    case Probe::Silent: return "silent: no answer from " + addr + ":4880 within 1 s (wrong address, or a firewall?)";
+    case Probe::Silent: return "silent: no answer from " + addr + ":4880 within 2 s (wrong address, or a firewall?)";
+    case Probe::Mute:
+      return "silent: " + addr + ":4880 accepts connections but gives no HiSLIP answer within 2 s "
+             "(another device at that address, or a hung bridge: power-cycle it)";
     default: return "bad address '" + addr + "': the driver takes dotted IPv4 addresses only";
   }
 }
