@@ -206,16 +206,16 @@ def format_c(fmt, words):
             width = str(ctypes.c_int32(nxt()).value)
         if prec == "*":
             prec = str(ctypes.c_int32(nxt()).value)
-        spec = "%" + flags + (width or "") + ("." + prec if prec else "")
+        fmt_head = "%" + flags + (width or "") + ("." + prec if prec else "")
         if conv in "fFeEgG":
             out.append("?")
             continue
         w = nxt()
         if conv == "s":
             s = ctypes.string_at(w).decode("latin-1") if w else "(null)"
-            out.append((spec + "s") % s)
+            out.append((fmt_head + "s") % s)
         elif conv == "c":
-            out.append((spec + "c") % chr(w & 0xFF))
+            out.append((fmt_head + "c") % chr(w & 0xFF))
         elif conv == "p":
             out.append(hex(w))
         else:
@@ -225,7 +225,7 @@ def format_c(fmt, words):
                 bits = 64 if wide else 32
                 if v >= 1 << (bits - 1):
                     v -= 1 << bits
-            out.append((spec + ("d" if conv in "diu" else conv)) % v)
+            out.append((fmt_head + ("d" if conv in "diu" else conv)) % v)
     out.append(fmt[pos:])
     return "".join(out)
 
