@@ -1,4 +1,6 @@
 // Mainframes described by INI files.
+#include <unistd.h>
+
 #include <fstream>
 
 #include "bsim.h"
@@ -9,7 +11,8 @@ namespace {
 std::string source(const char* rel) { return std::string(KV_SOURCE_DIR) + "/tools/bridge-sim/mainframes/" + rel; }
 
 std::string writeIni(const std::string& name, const std::string& body) {
-  std::string path = ::testing::TempDir() + name;
+  // The process id keeps parallel runs from several build trees apart.
+  std::string path = ::testing::TempDir() + std::to_string(getpid()) + "-" + name;
   std::ofstream(path) << body;
   return path;
 }

@@ -3,6 +3,8 @@
 // interrupts of a slow instrument.  Whole messages, status byte, clear and
 // the 16/32-bit responses are checked end to end by the driver tests.
 #include <cstdio>
+#include <unistd.h>
+
 #include <fstream>
 #include <thread>
 
@@ -22,7 +24,7 @@ std::string text(const std::vector<uint8_t>& a) {
 // A mainframe whose multimeter takes long enough that "not ready yet" is
 // certain right after the query.
 std::string slowMeterIni() {
-  std::string path = ::testing::TempDir() + "slow-meter.ini";
+  std::string path = ::testing::TempDir() + std::to_string(getpid()) + "-slow-meter.ini";
   std::ofstream f(path);
   f << "[Meter]\nLA=7\nCLASS=message\nKIND=dmm\nMEAS_DELAY_MS=400\nREADING=2.5\nIRQ=6\n";
   return path;
