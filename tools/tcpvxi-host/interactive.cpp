@@ -1,5 +1,6 @@
 #include "interactive.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -23,7 +24,7 @@ Session* g_session = nullptr;
 std::vector<std::string> g_candidates;
 std::string g_line;
 bool g_haveLine = false, g_eof = false;
-int g_pipe[2] = {-1, -1};  // reports that arrive while the prompt waits
+int g_pipe[2] = {-1, -1};  // reports (and Ctrl-C) that arrive while the prompt waits
 std::mutex g_pending;
 std::vector<std::string> g_queue;
 
@@ -109,6 +110,8 @@ void interactive(Session& s, const std::function<void(const std::string&)>& run)
   rl_attempted_completion_function = complete;
   rl_catch_signals = 0;  // Ctrl-C is handled here, not by readline
   if (pipe(g_pipe) != 0) g_pipe[0] = g_pipe[1] = -1;
+  // A signal handler writes here too: it must never block on a full pipe.
+  if (g_pipe[1] >= 0) fcntl(g_pipe[1], F_SETFL, fcntl(g_pipe[1], F_GETFL) | O_NONBLOCK);
   bool atPrompt = false;
   std::mutex promptMutex;
   setAsyncPrinter([&](const std::string& text) {
@@ -179,7 +182,17 @@ void interactive(Session& s, const std::function<void(const std::string&)>& run)
   }
 }
 
+void interactiveWake() {
+  int fd = g_pipe[1];
+  if (fd >= 0) {
+    char c = 2;
+    (void)!write(fd, &c, 1);
+  }
+}
+
 #else
+
+void interactiveWake() {}
 
 void interactive(Session& s, const std::function<void(const std::string&)>& run) {
   std::string line;

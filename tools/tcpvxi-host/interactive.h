@@ -13,4 +13,10 @@ namespace host {
 
 void interactive(Session& s, const std::function<void(const std::string&)>& run);
 
+// Wakes the prompt's wait; safe in a signal handler.  Ctrl-C may be
+// delivered to any thread of the process (the driver's receive threads
+// among them), so the handler cannot count on interrupting the prompt's
+// own poll.
+void interactiveWake();
+
 }  // namespace host

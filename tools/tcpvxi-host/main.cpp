@@ -19,7 +19,10 @@
 
 namespace {
 
-void onSigint(int) { host::setInterrupted(true); }
+void onSigint(int) {
+  host::setInterrupted(true);
+  host::interactiveWake();
+}
 
 }  // namespace
 
