@@ -48,29 +48,55 @@ inline bool eventually(const std::function<bool()>& cond, int limitMs = 20000) {
   return true;
 }
 
-// The transport's diagnostics while an instance lives.
+// What the library logs through the host's two hooks while an instance lives.
 struct LogCapture {
+  struct Line {
+    int hook, level1, level2;  // hook 1: pkvFSpyLog (one level), 2: pkvFRSpyLog (two)
+    std::string format, text;
+    int firstInt;  // hook 1: the source line, when the format starts with it ("path(%d) ")
+  };
   static inline std::mutex mu;
-  static inline std::vector<std::string> lines;
-  static void hook(int, const char* fmt, ...) {
-    char buf[1024];
+  static inline std::vector<Line> lines;
+  kvFSpyLog_t savedF = pkvFSpyLog;
+  kvFRSpyLog_t savedR = pkvFRSpyLog;
+
+  static void record(int hook, int l1, int l2, const char* fmt, va_list ap) {
+    va_list cp;
+    va_copy(cp, ap);
+    char buf[4096];
+    vsnprintf(buf, sizeof buf, fmt, ap);
+    const char* conv = strchr(fmt, '%');
+    int first = hook == 1 && conv && conv[1] == 'd' ? va_arg(cp, int) : 0;
+    va_end(cp);
+    std::lock_guard<std::mutex> g(mu);
+    lines.push_back({hook, l1, l2, fmt, buf, first});
+  }
+  static void hook1(int level, const char* fmt, ...) {
     va_list ap;
     va_start(ap, fmt);
-    vsnprintf(buf, sizeof buf, fmt, ap);
+    record(1, level, 0, fmt, ap);
     va_end(ap);
-    std::lock_guard<std::mutex> g(mu);
-    lines.emplace_back(buf);
+  }
+  static void hook2(int l1, int l2, const char* fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    record(2, l1, l2, fmt, ap);
+    va_end(ap);
   }
   LogCapture() {
     std::lock_guard<std::mutex> g(mu);
     lines.clear();
-    pkvFSpyLog = hook;
+    pkvFSpyLog = hook1;
+    pkvFRSpyLog = hook2;
   }
-  ~LogCapture() { pkvFSpyLog = nullptr; }
+  ~LogCapture() {
+    pkvFSpyLog = savedF;
+    pkvFRSpyLog = savedR;
+  }
   static bool has(const std::string& text) {
     std::lock_guard<std::mutex> g(mu);
     for (auto& l : lines)
-      if (l.find(text) != std::string::npos) return true;
+      if (l.text.find(text) != std::string::npos) return true;
     return false;
   }
 };
