@@ -378,32 +378,21 @@ TEST(NoBufs, RecvRetriedTwiceSendThreeTimes) {
       EXPECT_EQ(n, 5);
       if (c.send) {
         EXPECT_EQ(recv(p.b, buf, sizeof buf, 0), 5);
+        EXPECT_EQ(std::string(buf, 5), "hello");  // the parts in order
       }
     }
   }
 }
 
-TEST(SendAll, LargeBufferWholeClosedPeerLostWithoutSignal) {
+TEST(SendAll, ClosedPeerLostWithoutSignal) {
   Pair p;
-  std::string msg = pattern(1 << 20, 3), got;
-  std::thread reader([&] {
-    char buf[4096];
-    for (ssize_t r; (r = recv(p.b, buf, sizeof buf, 0)) > 0;) got.append(buf, (size_t)r);
-  });
   int n = -1;
   EXPECT_EQ(sendAll(p.a, "", 0, &n), VI_SUCCESS);
   EXPECT_EQ(n, 0);
-  EXPECT_EQ(sendAll(p.a, msg.data(), (int)msg.size(), &n), VI_SUCCESS);
-  EXPECT_EQ(n, (int)msg.size());
-  shutdown(p.a, SHUT_WR);
-  reader.join();
-  EXPECT_EQ(got, msg);
-
-  Pair gone;
-  gone.closeB();
-  EXPECT_EQ(sendAll(gone.a, "abc", 3, &n), VI_ERROR_CONN_LOST);  // no SIGPIPE either
+  p.closeB();
+  EXPECT_EQ(sendAll(p.a, "abc", 3, &n), VI_ERROR_CONN_LOST);  // no SIGPIPE either
   EXPECT_EQ(n, 0);
-  EXPECT_EQ(sendAll(gone.a, "", 0, &n), VI_ERROR_CONN_LOST);  // even an empty send fails there
+  EXPECT_EQ(sendAll(p.a, "", 0, &n), VI_ERROR_CONN_LOST);  // even an empty send fails there
 }
 
 // The last minlen bytes of the final segment, out of a tail of at most 128.

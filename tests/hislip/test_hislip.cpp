@@ -43,10 +43,7 @@ TEST(HislipConnect, HandshakeFillsRecordAndSecondConnectSendsNothing) {
   EXPECT_EQ(1, r->hislipModeOverlap);
   EXPECT_EQ((int)0xFFFFFF00u, r->hislipOutMesageID);
   EXPECT_EQ(0x7FFF0000u, r->hislipMaximumMessageSize);
-  uint8_t sid[2];
-  memcpy(sid, &r->hislipSessionID, 2);
-  EXPECT_EQ(0x12, sid[0]);  // kept in wire order
-  EXPECT_EQ(0x34, sid[1]);
+  EXPECT_EQ(0, memcmp(&r->hislipSessionID, "\x12\x34", 2));  // kept in wire order
 
   ASSERT_EQ(VI_SUCCESS, kvtcp_hislip_Connect(r, kAddr, "inst0"));
   EXPECT_FALSE(peer.pending());
@@ -65,40 +62,25 @@ TEST(HislipConnect, HandshakeFillsRecordAndSecondConnectSendsNothing) {
 }
 
 TEST(HislipConnect, FailuresLeaveTheRecordDisconnected) {
-  auto expectDown = [](KvTcpInfo* r) {
+  // An Error answer with a short text: the text read runs into its time-out.
+  hs::Handshake errorAnswer{3, "no session"}, refusedAsync;
+  refusedAsync.asyncType = 22;
+  struct Case { const hs::Handshake* peer; const char* addr; const char* sub; };
+  for (const Case& c : {Case{&errorAnswer, kAddr, "inst0"}, Case{&refusedAsync, kAddr, nullptr},
+                        Case{nullptr, kAddr, "inst0"},              // nobody listens
+                        Case{nullptr, "localhost", "inst0"}}) {     // names are not resolved
+    SCOPED_TRACE(c.peer ? (int)c.peer->initType * 100 + c.peer->asyncType : 0);
+    kt::LogCapture log;
+    std::optional<Peer> peer;
+    if (c.peer) peer.emplace().run([](Peer&) {}, *c.peer);
+    KvTcpInfo* r = kt::newRecord();
+    EXPECT_EQ(VI_ERROR_RSRC_NFOUND, kvtcp_hislip_Connect(r, c.addr, c.sub));
     EXPECT_EQ(0, r->Connected);
     EXPECT_EQ(0, r->S_Core);
     EXPECT_EQ(0, r->S_Intr);
-  };
-  {
-    // An Error answer with a short text: the text read runs into its
-    // time-out, and the connect fails.
-    kt::LogCapture log;
-    Peer peer;
-    hs::Handshake h;
-    h.initType = 3;
-    h.initText = "no session";
-    peer.run([](Peer&) {}, h);
-    KvTcpInfo* r = kt::newRecord();
-    EXPECT_EQ(VI_ERROR_RSRC_NFOUND, kvtcp_hislip_Connect(r, kAddr, "inst0"));
-    expectDown(r);
     EXPECT_TRUE(log.has("ErroR Connect TCP Interface"));
     EXPECT_FALSE(log.has("get Error"));
   }
-  {
-    Peer peer;
-    hs::Handshake h;
-    h.asyncType = 22;
-    peer.run([](Peer&) {}, h);
-    KvTcpInfo* r = kt::newRecord();
-    EXPECT_EQ(VI_ERROR_RSRC_NFOUND, kvtcp_hislip_Connect(r, kAddr, nullptr));
-    expectDown(r);
-  }
-  KvTcpInfo* r = kt::newRecord();
-  EXPECT_EQ(VI_ERROR_RSRC_NFOUND, kvtcp_hislip_Connect(r, kAddr, "inst0"));  // nobody listens
-  expectDown(r);
-  EXPECT_EQ(VI_ERROR_RSRC_NFOUND, kvtcp_hislip_Connect(r, "localhost", "inst0"));  // names are not resolved
-  expectDown(r);
 }
 
 TEST(HislipConnect, ReconnectSurvivesTheOldReceiveThread) {
@@ -142,27 +124,22 @@ TEST(HislipRead, MessageOverSeveralCallsEndAndTermination) {
     hs::sendMsg(p.sync, 7, 0, 0x1A, "ab\n");
   });
   KvTcpInfo* r = hs::connected();
-  char buf[32] = {};
-  int n = -1;
+  // Status 0: more to come, 1: the termination character, 2: the message end
+  // (which wins over the termination character).
+  struct Step { ViUInt16 flags; int status, n, id; };
+  const ViUInt16 E = KVTCP_FLAG_EOS;
   std::string got;
-  for (int want : {10, 10, 5}) {
-    EXPECT_EQ(0, kvtcp_Read(r, 2000, buf, 10, 0, 0, &n));
-    EXPECT_EQ(want, n);
+  for (const Step& s : {Step{0, 0, 10, 0x10}, Step{0, 0, 10, 0x10}, Step{0, 0, 5, 0x10}, Step{0, 2, 3, 0x12},
+                        Step{E, 1, 3, 0x14}, Step{E, 0, 3, 0x16}, Step{0, 2, 0, 0x18}, Step{E, 2, 3, 0x1A}}) {
+    char buf[16];
+    int n = -1;
+    EXPECT_EQ(s.status, kvtcp_Read(r, 2000, buf, 10, s.flags, '\n', &n)) << got;
+    EXPECT_EQ(s.n, n) << got;
+    EXPECT_EQ(s.id, r->hislipInMesageID) << got;
     got.append(buf, n);
-    EXPECT_EQ(0x10, r->hislipInMesageID);
+    if (got.size() == 25) EXPECT_EQ(0, r->hislipInHdr.msg);  // the first message fully taken
   }
-  EXPECT_EQ("ABCDEFGHIJKLMNOPQRSTUVWXY", got);
-  EXPECT_EQ(0, r->hislipInHdr.msg);
-  EXPECT_EQ(2, kvtcp_Read(r, 2000, buf, 10, 0, 0, &n));
-  EXPECT_EQ(3, n);
-  EXPECT_EQ(1, kvtcp_Read(r, 2000, buf, 10, KVTCP_FLAG_EOS, '\n', &n));
-  EXPECT_EQ(3, n);
-  EXPECT_EQ(0, kvtcp_Read(r, 2000, buf, 10, KVTCP_FLAG_EOS, '\n', &n));
-  EXPECT_EQ(3, n);
-  EXPECT_EQ(2, kvtcp_Read(r, 2000, buf, 10, 0, 0, &n));  // empty DataEnd
-  EXPECT_EQ(0, n);
-  EXPECT_EQ(2, kvtcp_Read(r, 2000, buf, 10, KVTCP_FLAG_EOS, '\n', &n));  // the message end wins over eos
-  EXPECT_EQ(3, n);
+  EXPECT_EQ("ABCDEFGHIJKLMNOPQRSTUVWXYabcxy\nxyzab\n", got);
   kvtcp_Close(r);
 }
 
