@@ -46,22 +46,19 @@ double nowMs() {
 // ------------------------------------------------------------ named mutex
 
 TEST(NamedMutex, NameLengthBoundsAndNullHandles) {
-  EXPECT_EQ(mutex_name_valid("/a"), 1);
-  EXPECT_EQ(mutex_name_valid("no-slash and spaces"), 1);  // only the length counts
-  for (const char* bad : {"/", "", (const char*)nullptr}) EXPECT_EQ(mutex_name_valid(bad), 0);
-  std::string n251 = "/" + std::string(250, 'x');
-  EXPECT_EQ(mutex_name_valid(n251.c_str()), 1);
-  EXPECT_EQ(mutex_name_valid((n251 + "x").c_str()), 0);
-  // An invalid name leaves the handle untouched.
-  MUTEX_TYPE h = reinterpret_cast<MUTEX_TYPE>(0x1234);
-  EXPECT_EQ(util_mutex_open("/", &h), VI_ERROR_ABORT);
-  EXPECT_EQ(util_mutex_open((n251 + "y").c_str(), &h), VI_ERROR_ABORT);
-  EXPECT_EQ(h, reinterpret_cast<MUTEX_TYPE>(0x1234));
-
+  const std::string n251 = "/" + std::string(250, 'x'), n252 = n251 + "x";
+  for (auto [name, valid] : {std::pair{"/a", 1}, {"no-slash and spaces", 1} /* only the length counts */,
+                             {n251.c_str(), 1}, {n252.c_str(), 0}, {"/", 0}, {"", 0}, {nullptr, 0}}) {
+    EXPECT_EQ(mutex_name_valid(name), valid) << (name ? name : "null");
+    // An invalid name leaves the handle untouched.
+    MUTEX_TYPE h = reinterpret_cast<MUTEX_TYPE>(0x1234);
+    if (!valid) EXPECT_EQ(util_mutex_open(name, &h), VI_ERROR_ABORT);
+    EXPECT_EQ(h, reinterpret_cast<MUTEX_TYPE>(0x1234));
+  }
   EXPECT_EQ(util_mutex_lock(nullptr, 0), VI_ERROR_INV_OBJECT);
   EXPECT_EQ(util_mutexes_lock(1, nullptr, 0), VI_ERROR_INV_OBJECT);
   util_mutex_unlock(nullptr);  // no effect, no crash
-  h = nullptr;
+  MUTEX_TYPE h = nullptr;
   util_mutex_close("/kvt_none", &h);
   util_mutex_close("/kvt_none", nullptr);
 }
@@ -107,7 +104,7 @@ void releaseKeptRecord(HANDLE h) {
 }
 }  // namespace
 
-TEST(SharedMemory, SizeRoundsUpToWholeKiB) {
+TEST(SharedMemory, SizeRoundsUpToWholeKiBAndBadArguments) {
   for (auto [user, want] : {std::pair{463112u, 463872u}, {0u, 1024u}, {1016u, 1024u}, {1017u, 2048u},
                             {0x7FFFFFFFu, 0x80000400u} /* no overflow */})
     EXPECT_EQ(util_segment_size(user), want) << user;
@@ -118,6 +115,12 @@ TEST(SharedMemory, SizeRoundsUpToWholeKiB) {
   EXPECT_EQ(st.st_size, 463872);
   memset(m.user, 0x5A, 463112);  // the whole user area is usable
   util_unmap_global(&m.h, m.user);
+  std::string tooLong = "/" + std::string(250, 'n');
+  for (const char* name : {tooLong.c_str(), "/kvt_bad/slash", (const char*)nullptr})
+    EXPECT_EQ(util_map_global(name, 16, &m.user, &m.fInit), nullptr);
+  HANDLE none = nullptr;
+  util_unmap_global(&none, m.user);  // null handle: nothing
+  util_unmap_global(nullptr, nullptr);
 }
 
 TEST(SharedMemory, StaleSegments) {
@@ -155,17 +158,6 @@ TEST(SharedMemory, StaleSegments) {
   shm_unlink("/kvt_keep");
 }
 
-TEST(SharedMemory, BadArguments) {
-  void* user = nullptr;
-  ViStatus fInit = -1;
-  std::string tooLong = "/" + std::string(250, 'n');
-  for (const char* name : {tooLong.c_str(), "/kvt_bad/slash", (const char*)nullptr})
-    EXPECT_EQ(util_map_global(name, 16, &user, &fInit), nullptr);
-  HANDLE h = nullptr;
-  util_unmap_global(&h, user);  // null handle: nothing
-  util_unmap_global(nullptr, nullptr);
-}
-
 // ------------------------------------------------------------------- time
 
 // The reading of the clock inside util_timer_ms lies between two readings
@@ -195,17 +187,12 @@ TEST(Timer, MillisecondsRoundToNearest) {
 }
 
 TEST(Timer, OtherClocksDelayAndDiff) {
-  auto nowUs = [] {
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return (double)ts.tv_sec * 1e6 + (double)ts.tv_nsec / 1e3;
-  };
   for (int i = 0; i < 1000; i++) {
-    double before = nowUs();
+    double before = nowMs() * 1000;
     ViUInt64 t = util_timer_us();
     volatile int64_t c = 0;
     util_getcounter(&c);
-    double after = nowUs();
+    double after = nowMs() * 1000;
     ASSERT_GE((double)t, floor(before + 0.5));
     ASSERT_LE((double)c, floor(after + 0.5));
     ASSERT_LE(t, (ViUInt64)c);
@@ -219,7 +206,6 @@ TEST(Timer, OtherClocksDelayAndDiff) {
   double before = nowMs();
   util_delay_ms(20);
   EXPECT_GE(nowMs() - before, 19.9);  // at least its time (no upper bound)
-  util_delay_ms(0);
   struct timespec d = diff_timespec({1, 900000000}, {3, 100000000});  // with borrow
   EXPECT_EQ(d.tv_sec, 1);
   EXPECT_EQ(d.tv_nsec, 200000000);
@@ -235,18 +221,15 @@ TEST(Process, IdentitiesAndKillThread) {
   EXPECT_NE(other, 0u);
   EXPECT_NE(other, util_gettid());
   // kill_thread ends only the calling thread, with 0 as its result whatever
-  // the arguments.
+  // the arguments (a body that went on would end with a null result).
   pthread_t t;
-  bool after = false;
-  auto body = [](void* p) -> void* {
+  auto body = [](void*) -> void* {
     kill_thread(nullptr, 42);
-    *static_cast<bool*>(p) = true;  // never reached
     return nullptr;
   };
-  ASSERT_EQ(pthread_create(&t, nullptr, body, &after), 0);
+  ASSERT_EQ(pthread_create(&t, nullptr, body, nullptr), 0);
   void* ret = nullptr;
   ASSERT_EQ(pthread_join(t, &ret), 0);
-  EXPECT_FALSE(after);
   ASSERT_NE(ret, nullptr);
   EXPECT_EQ(*static_cast<int*>(ret), 0);
 }
@@ -272,9 +255,6 @@ TEST(SocketState, TogglesNonBlockingAndAsync) {
   ViUInt32 on = 7, off = 0;  // any non-zero value switches it on
   set_socket_state(sv[0], &on);
   EXPECT_EQ(fcntl(sv[0], F_GETFL) & (O_NONBLOCK | O_ASYNC), O_NONBLOCK | O_ASYNC);
-  char c;
-  EXPECT_EQ(recv(sv[0], &c, 1, 0), -1);  // would block
-  EXPECT_EQ(errno, EAGAIN);
   set_socket_state(sv[0], &off);
   EXPECT_EQ(fcntl(sv[0], F_GETFL) & (O_NONBLOCK | O_ASYNC), 0);
   set_socket_state(-1, &on);  // a bad descriptor is ignored
@@ -293,11 +273,8 @@ TEST(Transpose, IntDoubleAndShapesLeftAlone) {
   TransposeData(d, 2, 6, 3);
   EXPECT_EQ(std::vector<double>(d, d + 6), (std::vector<double>{1.5, 4.5, 2.5, 5.5, 3.5, 6.5}));
   // Other types, no columns, fewer elements than one row, a single column.
-  TransposeData(a, 3, 6, 3);
-  TransposeData(a, 0, 6, 3);
-  TransposeData(a, 1, 6, 0);
-  TransposeData(a, 1, 2, 3);
-  TransposeData(a, 1, 6, 1);
+  for (auto [type, count, columns] : {std::tuple{3, 6, 3}, {0, 6, 3}, {1, 6, 0}, {1, 2, 3}, {1, 6, 1}})
+    TransposeData(a, type, count, columns);
   EXPECT_EQ(std::vector<int>(a, a + 6), orig);
 }
 
