@@ -170,18 +170,6 @@ TEST(HislipRead, BridgeExchangeAndVendorPadding) {
   kvtcp_Close(r);
 }
 
-namespace {
-std::mutex gSendMutex;
-std::vector<size_t> gSends;
-ssize_t recordingSend(int s, const void* b, size_t n, int f) {
-  {
-    std::lock_guard<std::mutex> g(gSendMutex);
-    gSends.push_back(n);
-  }
-  return send(s, b, n, f);
-}
-}  // namespace
-
 TEST(HislipWrite, LongMessageSplitsAfterTheFirstSendAndIdsAdvance) {
   const int big = 0x40000;
   std::string payload(big, '\0');
@@ -198,14 +186,18 @@ TEST(HislipWrite, LongMessageSplitsAfterTheFirstSendAndIdsAdvance) {
     EXPECT_EQ("tail!", m.data);  // not rounded: only vendor messages are
   });
   KvTcpInfo* r = hs::connected();
-  kvtcp_sys_send = recordingSend;
+  static std::vector<size_t> sends;  // the sizes handed to send, in order
+  kvtcp_sys_send = [](int s, const void* b, size_t n, int f) {
+    sends.push_back(n);  // only this thread sends on the channel here
+    return send(s, b, n, f);
+  };
   int n = -1;
   EXPECT_EQ(VI_SUCCESS, kvtcp_Write(r, 2000, payload.data(), big, 0, &n));
   EXPECT_EQ(big, n);
   char tail[8] = "tail!";
   EXPECT_EQ(VI_SUCCESS, kvtcp_Write(r, 2000, tail, 5, KVTCP_FLAG_END, &n));
   kvtcp_sys_send = send;
-  EXPECT_EQ((std::vector<size_t>{16 + 0x3FFF0, 16, 21}), gSends);
+  EXPECT_EQ((std::vector<size_t>{16 + 0x3FFF0, 16, 21}), sends);
   kvtcp_Close(r);
 }
 

@@ -53,7 +53,6 @@ struct LogCapture {
   struct Line {
     int hook, level1, level2;  // hook 1: pkvFSpyLog (one level), 2: pkvFRSpyLog (two)
     std::string format, text;
-    int firstInt;  // hook 1: the source line, when the format starts with it ("path(%d) ")
   };
   static inline std::mutex mu;
   static inline std::vector<Line> lines;
@@ -61,15 +60,10 @@ struct LogCapture {
   kvFRSpyLog_t savedR = pkvFRSpyLog;
 
   static void record(int hook, int l1, int l2, const char* fmt, va_list ap) {
-    va_list cp;
-    va_copy(cp, ap);
     char buf[4096];
     vsnprintf(buf, sizeof buf, fmt, ap);
-    const char* conv = strchr(fmt, '%');
-    int first = hook == 1 && conv && conv[1] == 'd' ? va_arg(cp, int) : 0;
-    va_end(cp);
     std::lock_guard<std::mutex> g(mu);
-    lines.push_back({hook, l1, l2, fmt, buf, first});
+    lines.push_back({hook, l1, l2, fmt, buf});
   }
   static void hook1(int level, const char* fmt, ...) {
     va_list ap;
