@@ -202,25 +202,20 @@ TEST(SocketOptions, OnlyRawConnectionsAreTuned) {
   EXPECT_EQ(kvtcp_sock_setKeepAlive(nullptr, 1), VI_ERROR_CONN_LOST);
   KvTcpInfo* r = kt::newRecord();
   int s = socket(AF_INET, SOCK_STREAM, 0);
-  r->S_Core = s;
-  EXPECT_EQ(kvtcp_sock_setNoDelay(r, 1), VI_ERROR_CONN_LOST);  // not connected
-  r->Connected = 1;
-  r->S_Core = 0;
-  EXPECT_EQ(kvtcp_sock_setNoDelay(r, 1), VI_ERROR_CONN_LOST);  // no core socket
-  r->S_Core = s;
-  for (int kind : {KVTCP_HISLIP, KVTCP_VXI11}) {
-    r->tcpType = kind;
-    EXPECT_EQ(kvtcp_sock_setNoDelay(r, 1), VI_SUCCESS);
-    EXPECT_EQ(kvtcp_sock_setKeepAlive(r, 1), VI_SUCCESS);
-    EXPECT_EQ(r->SocketNoDelay | r->SocketKeepAlive, 0);
+  const ViStatus LOST = VI_ERROR_CONN_LOST;
+  struct Case { int connected, core, kind, on; ViStatus status; int stored; };
+  for (const Case& c : {Case{0, s, KVTCP_RAW, 1, LOST, 0}, Case{1, 0, KVTCP_RAW, 1, LOST, 0},  // no core socket
+                        Case{1, s, KVTCP_HISLIP, 1, VI_SUCCESS, 0}, Case{1, s, KVTCP_VXI11, 1, VI_SUCCESS, 0},
+                        Case{1, s, KVTCP_RAW, 5, VI_SUCCESS, 1} /* normalised */, Case{1, s, KVTCP_RAW, 0, VI_SUCCESS, 0}}) {
+    SCOPED_TRACE(testing::Message() << c.connected << c.core << c.kind << c.on);
+    r->Connected = c.connected;
+    r->S_Core = c.core;
+    r->tcpType = c.kind;
+    EXPECT_EQ(kvtcp_sock_setNoDelay(r, c.on), c.status);
+    EXPECT_EQ(r->SocketNoDelay, c.stored);
+    EXPECT_EQ(kvtcp_sock_setKeepAlive(r, c.on), c.status);
+    EXPECT_EQ(r->SocketKeepAlive, c.stored);
   }
-  r->tcpType = KVTCP_RAW;
-  EXPECT_EQ(kvtcp_sock_setNoDelay(r, 5), VI_SUCCESS);
-  EXPECT_EQ(kvtcp_sock_setKeepAlive(r, 1), VI_SUCCESS);
-  EXPECT_EQ(r->SocketNoDelay, 1);  // normalised
-  EXPECT_EQ(kvtcp_sock_setNoDelay(r, 0), VI_SUCCESS);
-  EXPECT_EQ(r->SocketNoDelay, 0);
-  EXPECT_EQ(r->SocketKeepAlive, 1);
   close(s);
 }
 

@@ -61,25 +61,28 @@ TEST(HislipConnect, HandshakeFillsRecordAndSecondConnectSendsNothing) {
   EXPECT_EQ(0x1234u, peer.asyncInit.param);
 }
 
+// For both kinds of connection that this suite's peers serve (raw: port 5026).
 TEST(HislipConnect, FailuresLeaveTheRecordDisconnected) {
   // An Error answer with a short text: the text read runs into its time-out.
   hs::Handshake errorAnswer{3, "no session"}, refusedAsync;
   refusedAsync.asyncType = 22;
-  struct Case { const hs::Handshake* peer; const char* addr; const char* sub; };
-  for (const Case& c : {Case{&errorAnswer, kAddr, "inst0"}, Case{&refusedAsync, kAddr, nullptr},
-                        Case{nullptr, kAddr, "inst0"},              // nobody listens
-                        Case{nullptr, "localhost", "inst0"}}) {     // names are not resolved
-    SCOPED_TRACE(c.peer ? (int)c.peer->initType * 100 + c.peer->asyncType : 0);
+  struct Case { const hs::Handshake* peer; const char* addr; const char* sub; uint16_t rawPort; };
+  for (const Case& c : {Case{&errorAnswer, kAddr, "inst0", 0}, Case{&refusedAsync, kAddr, nullptr, 0},
+                        Case{nullptr, kAddr, "inst0", 0}, Case{nullptr, kAddr, nullptr, 5026},  // nobody listens
+                        Case{nullptr, "localhost", "inst0", 0}, Case{nullptr, "localhost", nullptr, 5026}}) {
+    SCOPED_TRACE(testing::Message() << c.addr << " " << c.rawPort << " " << (c.peer ? c.peer->asyncType : 0));
     kt::LogCapture log;
     std::optional<Peer> peer;
     if (c.peer) peer.emplace().run([](Peer&) {}, *c.peer);
     KvTcpInfo* r = kt::newRecord();
-    EXPECT_EQ(VI_ERROR_RSRC_NFOUND, kvtcp_hislip_Connect(r, c.addr, c.sub));
+    EXPECT_EQ(VI_ERROR_RSRC_NFOUND,
+              c.rawPort ? kvtcp_sock_Connect(r, c.addr, c.rawPort) : kvtcp_hislip_Connect(r, c.addr, c.sub));
     EXPECT_EQ(0, r->Connected);
     EXPECT_EQ(0, r->S_Core);
     EXPECT_EQ(0, r->S_Intr);
     EXPECT_TRUE(log.has("ErroR Connect TCP Interface"));
     EXPECT_FALSE(log.has("get Error"));
+    kvtcp_Close(r);
   }
 }
 
