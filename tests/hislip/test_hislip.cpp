@@ -23,15 +23,19 @@ std::vector<uint8_t> slotBytes(KvTcpInfo* r, int i) {
 
 }  // namespace
 
-TEST(HislipConnect, HandshakeFillsRecordAndSecondConnectSendsNothing) {
+TEST(HislipConnect, HandshakeFillsRecordThenVendorMessagesArePadded) {
   Peer peer;
   peer.run([](Peer& p) {
-    // The next message after the no-op second connect is the vendor write.
-    Msg m = hs::readMsg(p.sync);
-    EXPECT_EQ(128, m.type);
-    EXPECT_EQ(0u, m.param);
-    EXPECT_EQ(8u, m.len);  // five bytes, rounded up to 32 bits
-    EXPECT_EQ("ping!", m.data.substr(0, 5));
+    // The next message after the no-op second connect is the vendor write,
+    // then two bridge queries.
+    for (const char* answer : {"", "1234\0\0\0\0", "ABCDEFGH"}) {
+      Msg m = hs::readMsg(p.sync);
+      EXPECT_EQ(128, m.type);
+      EXPECT_EQ(0u, m.param);
+      EXPECT_EQ(8u, m.len);  // five bytes, rounded up to 32 bits
+      EXPECT_EQ(*answer ? "cmd01" : "ping!", m.data.substr(0, 5));
+      if (*answer) hs::sendMsg(p.sync, 128, 0, 0, std::string(answer, 8));
+    }
   });
   KvTcpInfo* r = hs::connected();
   EXPECT_EQ(1, r->Connected);
@@ -47,10 +51,22 @@ TEST(HislipConnect, HandshakeFillsRecordAndSecondConnectSendsNothing) {
 
   ASSERT_EQ(VI_SUCCESS, kvtcp_hislip_Connect(r, kAddr, "inst0"));
   EXPECT_FALSE(peer.pending());
-  char cmd[8] = "ping!..";  // three bytes of slack behind the five sent
+  char ping[8] = "ping!..";  // three bytes of slack behind the five sent
   int n = -1;
-  EXPECT_EQ(VI_SUCCESS, kvtcp_kvhislip_Write(r, cmd, 5, 0, &n));
+  EXPECT_EQ(VI_SUCCESS, kvtcp_kvhislip_Write(r, ping, 5, 0, &n));
   EXPECT_EQ(5, n);
+  char cmd[16] = "cmd01";
+  char in[16] = {};
+  EXPECT_EQ(0, kvtcp_kvhislip_Query(r, 2000, cmd, 5, in, 8, &n));
+  EXPECT_EQ(8, n);
+  EXPECT_EQ(0, memcmp(in, "1234", 4));
+  // Five of eight bytes asked for: the call takes the three padding bytes
+  // too and reports (and consumes) those, as designed.
+  EXPECT_EQ(0, kvtcp_kvhislip_Query(r, 2000, cmd, 5, in, 5, &n));
+  EXPECT_EQ(3, n);
+  EXPECT_EQ(0, memcmp(in, "ABCDE", 5));
+  EXPECT_EQ(128, r->hislipInHdr.msg);
+  EXPECT_EQ(5u, r->hislipInHdr.dataLen);
   kvtcp_Close(r);
   peer.join();
 
@@ -116,64 +132,9 @@ TEST(HislipConnect, ReconnectSurvivesTheOldReceiveThread) {
   EXPECT_TRUE(kt::eventually([&] { return hs::openFds() == base; }));
 }
 
-TEST(HislipRead, MessageOverSeveralCallsEndAndTermination) {
-  Peer peer;
-  peer.run([](Peer& p) {
-    hs::sendMsg(p.sync, 6, 0, 0x10, "ABCDEFGHIJKLMNOPQRSTUVWXY");
-    hs::sendMsg(p.sync, 7, 0, 0x12, "abc");
-    hs::sendMsg(p.sync, 6, 0, 0x14, "xy\n");
-    hs::sendMsg(p.sync, 6, 0, 0x16, "xyz");
-    hs::sendMsg(p.sync, 7, 0, 0x18, "");
-    hs::sendMsg(p.sync, 7, 0, 0x1A, "ab\n");
-  });
-  KvTcpInfo* r = hs::connected();
-  // Status 0: more to come, 1: the termination character, 2: the message end
-  // (which wins over the termination character).
-  struct Step { ViUInt16 flags; int status, n, id; };
-  const ViUInt16 E = KVTCP_FLAG_EOS;
-  std::string got;
-  for (const Step& s : {Step{0, 0, 10, 0x10}, Step{0, 0, 10, 0x10}, Step{0, 0, 5, 0x10}, Step{0, 2, 3, 0x12},
-                        Step{E, 1, 3, 0x14}, Step{E, 0, 3, 0x16}, Step{0, 2, 0, 0x18}, Step{E, 2, 3, 0x1A}}) {
-    char buf[16];
-    int n = -1;
-    EXPECT_EQ(s.status, kvtcp_Read(r, 2000, buf, 10, s.flags, '\n', &n)) << got;
-    EXPECT_EQ(s.n, n) << got;
-    EXPECT_EQ(s.id, r->hislipInMesageID) << got;
-    got.append(buf, n);
-    if (got.size() == 25) EXPECT_EQ(0, r->hislipInHdr.msg);  // the first message fully taken
-  }
-  EXPECT_EQ("ABCDEFGHIJKLMNOPQRSTUVWXYabcxy\nxyzab\n", got);
-  kvtcp_Close(r);
-}
-
-TEST(HislipRead, BridgeExchangeAndVendorPadding) {
-  Peer peer;
-  peer.run([](Peer& p) {
-    for (const char* answer : {"1234\0\0\0\0", "ABCDEFGH"}) {
-      Msg m = hs::readMsg(p.sync);
-      EXPECT_EQ(128, m.type);
-      EXPECT_EQ(8u, m.len);
-      hs::sendMsg(p.sync, 128, 0, 0, std::string(answer, 8));
-    }
-  });
-  KvTcpInfo* r = hs::connected();
-  char cmd[16] = "cmd01";
-  char in[16] = {};
-  int n = -1;
-  EXPECT_EQ(0, kvtcp_kvhislip_Query(r, 2000, cmd, 5, in, 8, &n));
-  EXPECT_EQ(8, n);
-  EXPECT_EQ(0, memcmp(in, "1234", 4));
-  // Five of eight bytes asked for: the call takes the three padding bytes
-  // too and reports (and consumes) those, as designed.
-  EXPECT_EQ(0, kvtcp_kvhislip_Query(r, 2000, cmd, 5, in, 5, &n));
-  EXPECT_EQ(3, n);
-  EXPECT_EQ(0, memcmp(in, "ABCDE", 5));
-  EXPECT_EQ(128, r->hislipInHdr.msg);
-  EXPECT_EQ(5u, r->hislipInHdr.dataLen);
-  kvtcp_Close(r);
-}
-
-TEST(HislipWrite, LongMessageSplitsAfterTheFirstSendAndIdsAdvance) {
+// Out: a long message splits after its first send, message ids advance by 2.
+// In: a message over several reads, then how each read ends.
+TEST(HislipData, LongWriteThenReadsEndAndTerminate) {
   const int big = 0x40000;
   std::string payload(big, '\0');
   for (int i = 0; i < big; i++) payload[i] = (char)(i * 7);
@@ -187,6 +148,12 @@ TEST(HislipWrite, LongMessageSplitsAfterTheFirstSendAndIdsAdvance) {
     EXPECT_EQ(7, m.type);
     EXPECT_EQ(0xFFFFFF02u, m.param);
     EXPECT_EQ("tail!", m.data);  // not rounded: only vendor messages are
+    hs::sendMsg(p.sync, 6, 0, 0x10, "ABCDEFGHIJKLMNOPQRSTUVWXY");
+    hs::sendMsg(p.sync, 7, 0, 0x12, "abc");
+    hs::sendMsg(p.sync, 6, 0, 0x14, "xy\n");
+    hs::sendMsg(p.sync, 6, 0, 0x16, "xyz");
+    hs::sendMsg(p.sync, 7, 0, 0x18, "");
+    hs::sendMsg(p.sync, 7, 0, 0x1A, "ab\n");
   });
   KvTcpInfo* r = hs::connected();
   static std::vector<size_t> sends;  // the sizes handed to send, in order
@@ -201,6 +168,22 @@ TEST(HislipWrite, LongMessageSplitsAfterTheFirstSendAndIdsAdvance) {
   EXPECT_EQ(VI_SUCCESS, kvtcp_Write(r, 2000, tail, 5, KVTCP_FLAG_END, &n));
   kvtcp_sys_send = send;
   EXPECT_EQ((std::vector<size_t>{16 + 0x3FFF0, 16, 21}), sends);
+
+  // Status 0: more to come, 1: the termination character, 2: the message end
+  // (which wins over the termination character).
+  struct Step { ViUInt16 flags; int status, n, id; };
+  const ViUInt16 E = KVTCP_FLAG_EOS;
+  std::string got;
+  for (const Step& s : {Step{0, 0, 10, 0x10}, Step{0, 0, 10, 0x10}, Step{0, 0, 5, 0x10}, Step{0, 2, 3, 0x12},
+                        Step{E, 1, 3, 0x14}, Step{E, 0, 3, 0x16}, Step{0, 2, 0, 0x18}, Step{E, 2, 3, 0x1A}}) {
+    char buf[16];
+    EXPECT_EQ(s.status, kvtcp_Read(r, 2000, buf, 10, s.flags, '\n', &n)) << got;
+    EXPECT_EQ(s.n, n) << got;
+    EXPECT_EQ(s.id, r->hislipInMesageID) << got;
+    got.append(buf, n);
+    if (got.size() == 25) EXPECT_EQ(0, r->hislipInHdr.msg);  // the first message fully taken
+  }
+  EXPECT_EQ("ABCDEFGHIJKLMNOPQRSTUVWXYabcxy\nxyzab\n", got);
   kvtcp_Close(r);
 }
 
