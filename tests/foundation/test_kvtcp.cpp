@@ -45,26 +45,22 @@ struct Pair {
   }
 };
 
-// Seam scripting: each entry of sendErrors/recvErrors is an errno to fail
-// the next call with (0: a real call); segments are scripted recv results.
-// The real calls come back when it goes out of scope.
+// Seam scripting while an instance lives: each entry of sendErrors or
+// recvErrors is an errno to fail the next call with (0: a real call);
+// segments are scripted recv results.
 struct Seams {
-  static inline int sendCalls, recvCalls, sleeps;
-  static inline std::deque<int> sendErrors, recvErrors;
-  static inline std::deque<std::string> segments;
-  static inline int backing;         // real socket that keeps poll ready
-  static inline size_t partialSend;  // 0: send all, else at most this much
+  int sendCalls = 0, recvCalls = 0, sleeps = 0;
+  std::deque<int> sendErrors, recvErrors;
+  std::deque<std::string> segments;
+  int backing = -1;        // real socket that keeps poll ready
+  size_t partialSend = 0;  // 0: send all, else at most this much
+  static inline Seams* now;
 
   Seams() {
-    sendCalls = recvCalls = sleeps = 0;
-    sendErrors.clear();
-    recvErrors.clear();
-    segments.clear();
-    backing = -1;
-    partialSend = 0;
+    now = this;
     kvtcp_sys_send = fakeSend;
     kvtcp_sys_recv = fakeRecv;
-    kvtcp_sys_delay_ms = [](ViUInt64) { sleeps++; };
+    kvtcp_sys_delay_ms = [](ViUInt64) { now->sleeps++; };
   }
   ~Seams() {
     kvtcp_sys_send = send;
@@ -77,19 +73,20 @@ struct Seams {
     return errno != 0;
   }
   static ssize_t fakeSend(int s, const void* buf, size_t len, int flags) {
-    sendCalls++;
-    if (injected(sendErrors)) return -1;
-    return send(s, buf, partialSend ? std::min(len, partialSend) : len, flags);
+    now->sendCalls++;
+    if (injected(now->sendErrors)) return -1;
+    return send(s, buf, now->partialSend ? std::min(len, now->partialSend) : len, flags);
   }
   static ssize_t fakeRecv(int s, void* buf, size_t len, int flags) {
-    recvCalls++;
-    if (injected(recvErrors)) return -1;
-    if (segments.empty()) return recv(s, buf, len, flags);
-    std::string seg = segments.front().substr(0, len);
-    segments.pop_front();
+    now->recvCalls++;
+    if (injected(now->recvErrors)) return -1;
+    auto& segs = now->segments;
+    if (segs.empty()) return recv(s, buf, len, flags);
+    std::string seg = segs.front().substr(0, len);
+    segs.pop_front();
     memcpy(buf, seg.data(), seg.size());
     char b;
-    if (segments.empty() && backing >= 0) recv(backing, &b, 1, 0);  // done: let poll see silence
+    if (segs.empty() && now->backing >= 0) recv(now->backing, &b, 1, 0);  // done: let poll see silence
     return (ssize_t)seg.size();
   }
   // Scripts recv on p.a to return these segments in turn.
@@ -108,7 +105,6 @@ std::string pattern(size_t n, int salt = 0) {
 
 }  // namespace
 
-// ================================================================== record
 
 // The name's form and sharing are pinned by the connect and integrity tests;
 // an address longer than the field is cut to it.
@@ -288,7 +284,6 @@ TEST(Logging, PrimitivesUseTheSecondHookWithTheFunctionName) {
   EXPECT_EQ(withFormat("%s: socket = %d r = %d nonblock").size(), 1u);
 }
 
-// ======================================================= socket primitives
 
 TEST(CheckForRecv, DescriptorAbove1023) {
   struct rlimit rl;
@@ -361,12 +356,12 @@ TEST(NoBufs, RecvRetriedTwiceSendThreeTimes) {
     Pair p;
     char buf[8];
     int n = 0;
-    (c.send ? Seams::sendErrors : Seams::recvErrors) = c.errors;
-    Seams::partialSend = c.partial;
+    (c.send ? seams.sendErrors : seams.recvErrors) = c.errors;
+    seams.partialSend = c.partial;
     if (!c.send) send(p.b, "hello", 5, 0);
     EXPECT_EQ(c.send ? sendAll(p.a, "hello", 5, &n) : recvMin(p.a, 1000, buf, sizeof buf, 5, &n), c.status);
-    EXPECT_EQ(Seams::sleeps, c.sleeps);
-    EXPECT_EQ(c.send ? Seams::sendCalls : Seams::recvCalls, c.calls);
+    EXPECT_EQ(seams.sleeps, c.sleeps);
+    EXPECT_EQ(c.send ? seams.sendCalls : seams.recvCalls, c.calls);
     if (c.status == VI_SUCCESS) {
       EXPECT_EQ(n, 5);
       if (c.send) {
@@ -404,7 +399,7 @@ TEST(RecvExact, TailComesFromTheLastSegmentOnly) {
     char buf[128];
     int n = 0;
     EXPECT_EQ(recvExact(p.a, 1000, buf, c.want, &n), c.status);
-    EXPECT_TRUE(Seams::segments.empty());  // everything drained
+    EXPECT_TRUE(seams.segments.empty());  // everything drained
     const std::string& last = c.segs.back();
     if (c.status == VI_SUCCESS) {
       EXPECT_EQ(std::string(buf, n), last.substr(last.size() - c.want));
@@ -417,7 +412,7 @@ TEST(RecvExact, TailComesFromTheLastSegmentOnly) {
   send(p.b, "abc", 3, 0);
   {
     Seams seams;
-    Seams::recvErrors = {ECONNRESET};
+    seams.recvErrors = {ECONNRESET};
     EXPECT_EQ(recvExact(p.a, 1000, buf, 2, &n), VI_ERROR_CONN_LOST);
   }
   // A closed peer: the tail of what came, then only end of file (no spin).
