@@ -102,7 +102,9 @@ TEST(HislipConnect, FailuresLeaveTheRecordDisconnected) {
   }
 }
 
-TEST(HislipConnect, ReconnectSurvivesTheOldReceiveThread) {
+// Descriptors and receive threads across a reconnect, then a peer that
+// closes in the middle of a message.
+TEST(HislipConnect, ReconnectSurvivesTheOldReceiveThreadThenThePeerLeaves) {
   Peer peer;
   KvTcpInfo* r = kt::newRecord();
   int base = hs::openFds();
@@ -117,6 +119,11 @@ TEST(HislipConnect, ReconnectSurvivesTheOldReceiveThread) {
     Msg q = hs::readMsg(p.async);
     EXPECT_EQ(21, q.type);
     hs::sendMsg(p.async, 22, 0x10, q.param);
+    EXPECT_EQ(7, hs::readMsg(p.sync).type);
+    hs::sendMsg(p.sync, 6, 0, 0, "0123456789", 100);  // and no more of it
+    close(p.async);
+    shutdown(p.sync, SHUT_WR);
+    p.async = -1;
   }, synchronized);
   ASSERT_EQ(VI_SUCCESS, kvtcp_hislip_Connect(r, kAddr, "inst0"));
   EXPECT_EQ(0, r->hislipModeOverlap);  // taken from the response
@@ -127,6 +134,15 @@ TEST(HislipConnect, ReconnectSurvivesTheOldReceiveThread) {
   ViUInt16 stb = 0;
   EXPECT_EQ(VI_SUCCESS, kvtcp_ReadSTB(r, 2000, &stb));
   EXPECT_EQ(0xFFFF, stb);
+
+  char buf[100] = "go";
+  int n;
+  EXPECT_EQ(VI_SUCCESS, kvtcp_Write(r, 2000, buf, 2, KVTCP_FLAG_END, &n));
+  EXPECT_EQ(VI_ERROR_CONN_LOST, kvtcp_Read(r, 300, buf, sizeof buf, 0, 0, &n));
+  // The receive thread saw its channel close, left and closed S_Intr.
+  EXPECT_TRUE(kt::eventually([&] { return kvLoad(r->S_Intr) == 0; }));
+  EXPECT_EQ(1, r->Connected);
+  EXPECT_EQ(VI_ERROR_CONN_LOST, kvtcp_ReadSTB(r, 100, &stb));
   kvtcp_Close(r);
   peer.join();
   EXPECT_TRUE(kt::eventually([&] { return hs::openFds() == base; }));
@@ -214,30 +230,6 @@ TEST(HislipRead, ErrorMessagesAndBrokenHeaders) {
   EXPECT_TRUE(log.has("Wrong Header, get 58530000"));
   EXPECT_TRUE(log.has("Wrong errLen, get Error 3/0, msg len 300"));
   kvtcp_Close(r);
-}
-
-TEST(HislipRead, PeerClosingMidMessageEndsTheWait) {
-  Peer peer;
-  peer.run([](Peer& p) {
-    hs::sendMsg(p.sync, 6, 0, 0, "0123456789", 100);
-    close(p.async);
-    shutdown(p.sync, SHUT_WR);
-    p.async = -1;
-  });
-  KvTcpInfo* r = kt::newRecord();
-  int base = hs::openFds();
-  ASSERT_EQ(VI_SUCCESS, kvtcp_hislip_Connect(r, kAddr, "inst0"));
-  char buf[100];
-  int n;
-  EXPECT_EQ(VI_ERROR_CONN_LOST, kvtcp_Read(r, 300, buf, sizeof buf, 0, 0, &n));
-  // The receive thread saw its channel close, left and closed S_Intr.
-  EXPECT_TRUE(kt::eventually([&] { return kvLoad(r->S_Intr) == 0; }));
-  EXPECT_EQ(1, r->Connected);
-  ViUInt16 stb;
-  EXPECT_EQ(VI_ERROR_CONN_LOST, kvtcp_ReadSTB(r, 100, &stb));
-  kvtcp_Close(r);
-  peer.join();
-  EXPECT_TRUE(kt::eventually([&] { return hs::openFds() == base; }));
 }
 
 TEST(HislipAsync, RingStatusByteAndDeviceClear) {
