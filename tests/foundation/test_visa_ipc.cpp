@@ -90,7 +90,6 @@ struct Mapping {
   Mapping(const char* name, int size) { h = util_map_global(name, size, &user, &fInit); }
   pshared_mem_t rec() const { return static_cast<pshared_mem_t>(h); }
   pshmem_header_t header() const { return static_cast<pshmem_header_t>(rec()->map); }
-  char* text() const { return static_cast<char*>(user); }
 };
 
 // An unmap that leaves other mappers keeps its record and descriptor (the
@@ -141,13 +140,13 @@ TEST(SharedMemory, StaleSegments) {
   // high, the next mapper finds the old content.
   Mapping a("/kvt_keep", 64);
   ASSERT_NE(a.h, nullptr);
-  strcpy(a.text(), "survives");
+  strcpy(static_cast<char*>(a.user), "survives");
   munmap(a.rec()->map, a.rec()->size);
   releaseKeptRecord(a.h);
   Mapping b("/kvt_keep", 64);
   ASSERT_NE(b.h, nullptr);
   EXPECT_EQ(b.fInit, 0);
-  EXPECT_STREQ(b.text(), "survives");
+  EXPECT_STREQ(static_cast<char*>(b.user), "survives");
   EXPECT_EQ(b.header()->link_counter, 2u);
   util_unmap_global(&b.h, b.user);
   EXPECT_TRUE(shmExists("kvt_keep"));  // still counted once
@@ -221,19 +220,6 @@ TEST(Process, IdentitiesAndKillThread) {
 }
 
 
-TEST(Config, FullNameKeepsDoubledSlashAndFileExist) {
-  setenv("HOME", "/home/someone", 1);  // isolated: HOME is a temporary one anyway
-  char buf[512];
-  util_full_confname("resmantcpvxi.out", buf);
-  EXPECT_STREQ(buf, "/home/someone/.config/tarvelo/visa//resmantcpvxi.out");
-  char path[] = "/tmp/kvt_exist_XXXXXX";
-  close(mkstemp(path));
-  EXPECT_EQ(util_file_exist(path), VI_SUCCESS);
-  EXPECT_EQ(util_file_exist("/tmp"), VI_SUCCESS);  // any path stat accepts
-  unlink(path);
-  EXPECT_EQ(util_file_exist(path), VI_ERROR_RSRC_NFOUND);
-}
-
 TEST(SocketState, TogglesNonBlockingAndAsync) {
   int sv[2];
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
@@ -263,7 +249,15 @@ TEST(Transpose, IntDoubleAndShapesLeftAlone) {
   EXPECT_EQ(std::vector<int>(a, a + 6), orig);
 }
 
-TEST(DynamicLoading, OwnLibrary) {
+TEST(FilesAndLoading, ConfigNameExistenceAndOwnLibrary) {
+  setenv("HOME", "/home/someone", 1);  // isolated: HOME is a temporary one anyway
+  char buf[512];
+  util_full_confname("resmantcpvxi.out", buf);
+  EXPECT_STREQ(buf, "/home/someone/.config/tarvelo/visa//resmantcpvxi.out");
+  EXPECT_EQ(util_file_exist(KV_BUILD_DIR "/libtcpvxi.so"), VI_SUCCESS);
+  EXPECT_EQ(util_file_exist("/tmp"), VI_SUCCESS);  // any path stat accepts
+  EXPECT_EQ(util_file_exist(KV_BUILD_DIR "/no-such-library.so"), VI_ERROR_RSRC_NFOUND);
+
   DL_HANDLE h = load_dll(KV_BUILD_DIR "/libtcpvxi.so");
   ASSERT_NE(h, nullptr) << dlerror();
   auto ms = reinterpret_cast<ViUInt64 (*)()>(get_sym_address(h, "util_timer_ms"));
