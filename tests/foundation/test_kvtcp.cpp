@@ -5,7 +5,6 @@
 // send/recv/delay seams.  Runs isolated: the mutex names are fixed.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <semaphore.h>
 #include <sys/resource.h>
 
 #include <algorithm>
@@ -121,8 +120,12 @@ TEST(MutexNames, BoundedByTheirField) {
 }
 
 // The locks never wait, as designed: they only check that the mutex is there.
-TEST(LockRules, LocksTakeNothingAndReleasesStayBinary) {
+// A close releases the mutexes that are open and no descriptor of a record
+// that never connected.
+TEST(RecordMutexes, LocksTakeNothingReleasesStayBinaryCloseFreesOnlyWhatIsOpen) {
   KvTcpInfo* r = kt::newRecord();
+  Pair c;
+  r->S_Core = c.a;  // a stray descriptor with Connected 0 is not touched
   // Without any mutex: the record lock passes, the waits report a lost link.
   EXPECT_EQ(kvtcp_Lock(r), VI_SUCCESS);
   kvtcp_UnLock(r);
@@ -130,6 +133,7 @@ TEST(LockRules, LocksTakeNothingAndReleasesStayBinary) {
   EXPECT_EQ(WaitCoreLock(r), VI_ERROR_CONN_LOST);
   ReleaseCoreLock(r);  // null handle: nothing to post
   EXPECT_EQ(r->nCoreLocked, 0);
+  kvtcp_Close(r);
   open_mutex_intf(r, "127.0.0.5");  // HiSLIP: the interface mutex only
   EXPECT_EQ(kvtcp_Lock(r), VI_SUCCESS);
   kvtcp_UnLock(r);
@@ -150,17 +154,10 @@ TEST(LockRules, LocksTakeNothingAndReleasesStayBinary) {
   kvtcp_UnLock(r);
   EXPECT_EQ(r->nCoreLocked, 1);
   kvtcp_Close(r);
-}
-
-TEST(Close, NeverConnectedClosesOnlyTheOpenMutexes) {
-  KvTcpInfo* r = kt::newRecord();
-  Pair c;
-  r->S_Core = c.a;  // a stray descriptor with Connected 0 is not touched
-  open_mutex_intf(r, "127.0.0.7");
-  kvtcp_Close(r);
   EXPECT_EQ(r->hIntfMutex, nullptr);
   EXPECT_EQ(r->hCoreMutex, nullptr);
-  EXPECT_NE(access("/dev/shm/sem._kv127_0_0_7Mutex_Intf", F_OK), 0);
+  EXPECT_NE(access("/dev/shm/sem._kv127_0_0_5Mutex_Intf", F_OK), 0);
+  EXPECT_NE(access("/dev/shm/sem._kv127_0_0_5Mutex_Core", F_OK), 0);
   EXPECT_EQ(r->S_Core, c.a);
   EXPECT_GE(fcntl(c.a, F_GETFD), 0);
   kvtcp_Close(r);  // twice is harmless
@@ -198,11 +195,12 @@ TEST(SocketOptions, OnlyRawConnectionsAreTuned) {
   EXPECT_EQ(kvtcp_sock_setKeepAlive(nullptr, 1), VI_ERROR_CONN_LOST);
   KvTcpInfo* r = kt::newRecord();
   int s = socket(AF_INET, SOCK_STREAM, 0);
-  const ViStatus LOST = VI_ERROR_CONN_LOST;
+  const ViStatus LOST = VI_ERROR_CONN_LOST, OK = VI_SUCCESS;
+  const int RAW = KVTCP_RAW;
   struct Case { int connected, core, kind, on; ViStatus status; int stored; };
-  for (const Case& c : {Case{0, s, KVTCP_RAW, 1, LOST, 0}, Case{1, 0, KVTCP_RAW, 1, LOST, 0},  // no core socket
-                        Case{1, s, KVTCP_HISLIP, 1, VI_SUCCESS, 0}, Case{1, s, KVTCP_VXI11, 1, VI_SUCCESS, 0},
-                        Case{1, s, KVTCP_RAW, 5, VI_SUCCESS, 1} /* normalised */, Case{1, s, KVTCP_RAW, 0, VI_SUCCESS, 0}}) {
+  for (const Case& c : {Case{0, s, RAW, 1, LOST, 0}, Case{1, 0, RAW, 1, LOST, 0},  // not connected, no socket
+                        Case{1, s, KVTCP_HISLIP, 1, OK, 0}, Case{1, s, KVTCP_VXI11, 1, OK, 0},
+                        Case{1, s, RAW, 5, OK, 1} /* normalised */, Case{1, s, RAW, 0, OK, 0}}) {
     SCOPED_TRACE(testing::Message() << c.connected << c.core << c.kind << c.on);
     r->Connected = c.connected;
     r->S_Core = c.core;
@@ -247,9 +245,9 @@ TEST(Logging, TransportFormatsStartWithPathAndLine) {
   const Log::Line& l = Log::lines[0];
   EXPECT_EQ(std::tuple(l.hook, l.level1), std::tuple(1, 0x4000));
   // The source path (nothing before it) and line come first.
-  EXPECT_TRUE(std::regex_match(l.format, std::regex(R"([^(]*common/kvtcp/kvtcp\.cpp\(%d\) %s)"))) << l.format;
-  EXPECT_TRUE(std::regex_match(l.text, std::regex(R"([^(]*common/kvtcp/kvtcp\.cpp\([1-9]\d*\) 127\.0\.0\.13)")))
-      << l.text;
+  const std::string path = R"([^(]*common/kvtcp/kvtcp\.cpp)";
+  EXPECT_TRUE(std::regex_match(l.format, std::regex(path + R"(\(%d\) %s)"))) << l.format;
+  EXPECT_TRUE(std::regex_match(l.text, std::regex(path + R"(\([1-9]\d*\) 127\.0\.0\.13)"))) << l.text;
   // Without a first hook nothing is called; the second has a default.
   ASSERT_EQ(pkvFSpyLog, nullptr);
   kvtcp_Disconnect(r);
@@ -388,8 +386,8 @@ TEST(RecvExact, TailComesFromTheLastSegmentOnly) {
   struct Case { std::vector<std::string> segs; int want; ViStatus status; };
   const std::string a40 = pattern(40), a300 = pattern(300), a100 = pattern(100, 1), b4 = pattern(4, 2),
                     b100 = pattern(100, 2), c1460 = pattern(1460, 5);
-  for (const Case& c : {Case{{a40}, 8, VI_SUCCESS}, Case{{a300}, 200, VI_ERROR_IO}, Case{{a300}, 128, VI_SUCCESS},
-                        Case{{"abc"}, 4, VI_ERROR_IO},
+  for (const Case& c : {Case{{a40}, 8, VI_SUCCESS}, Case{{a300}, 200, VI_ERROR_IO} /* beyond the tail */,
+                        Case{{a300}, 128, VI_SUCCESS}, Case{{"abc"}, 4, VI_ERROR_IO},
                         Case{{a100, b4}, 8, VI_ERROR_IO},  // 104 bytes, but the last segment holds 4
                         Case{{b4, b100}, 8, VI_SUCCESS}, Case{{c1460}, 128, VI_SUCCESS}}) {
     SCOPED_TRACE(testing::Message() << c.segs.size() << " segments, " << c.want);

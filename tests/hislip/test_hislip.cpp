@@ -84,7 +84,7 @@ TEST(HislipConnect, FailuresLeaveTheRecordDisconnected) {
   refusedAsync.asyncType = 22;
   struct Case { const hs::Handshake* peer; const char* addr; const char* sub; uint16_t rawPort; };
   for (const Case& c : {Case{&errorAnswer, kAddr, "inst0", 0}, Case{&refusedAsync, kAddr, nullptr, 0},
-                        Case{nullptr, kAddr, "inst0", 0}, Case{nullptr, kAddr, nullptr, 5026},  // nobody listens
+                        Case{nullptr, kAddr, "inst0", 0}, Case{nullptr, kAddr, nullptr, 5026},  // no listener
                         Case{nullptr, "localhost", "inst0", 0}, Case{nullptr, "localhost", nullptr, 5026}}) {
     SCOPED_TRACE(testing::Message() << c.addr << " " << c.rawPort << " " << (c.peer ? c.peer->asyncType : 0));
     kt::LogCapture log;

@@ -2,11 +2,9 @@
 // scripted server is captured on loopback and decoded by tshark's own
 // HiSLIP dissector.  Every message type the client sends must decode, and
 // nothing may come out malformed or undecoded.
-#include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 #include <fstream>
 #include <regex>
@@ -25,7 +23,7 @@ std::string slurp(const std::string& path) {
 
 std::string run(const std::string& cmd) {
   std::string out;
-  if (FILE* p = popen(cmd.c_str(), "r")) {  // blocking: tshark may be slow to start
+  if (FILE* p = popen(cmd.c_str(), "r")) {
     char b[4096];
     for (size_t n; (n = fread(b, 1, sizeof b, p)) > 0;) out.append(b, n);
     pclose(p);
@@ -41,15 +39,12 @@ TEST(HislipWire, EveryClientMessageDecodes) {
   ASSERT_NE(nullptr, mkdtemp(dirTemplate));
   const std::string dir = dirTemplate, capture = dir + "/session.pcapng", err = dir + "/tshark.log";
 
-  pid_t pid = fork();
-  ASSERT_GE(pid, 0);
-  if (pid == 0) {
-    int fd = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    dup2(fd, 1);
-    dup2(fd, 2);
-    execlp("tshark", "tshark", "-i", "lo", "-f", "port 4880", "-w", capture.c_str(), (char*)nullptr);
-    _exit(127);
-  }
+  // The shell prints its process id and becomes tshark: pclose then waits for
+  // the capture to be written out.
+  const std::string start = "echo $$; exec tshark -i lo -f 'port 4880' -w " + capture + " >" + err + " 2>&1";
+  FILE* tshark = popen(start.c_str(), "r");
+  char pid[32] = "";
+  ASSERT_TRUE(tshark && fgets(pid, sizeof pid, tshark));
   ASSERT_TRUE(kt::eventually([&] { return slurp(err).find("Capturing on") != std::string::npos; }))
       << slurp(err);
   // The capture is live once a probe datagram reaches the file.
@@ -89,9 +84,8 @@ TEST(HislipWire, EveryClientMessageDecodes) {
 
   // Let the last segments reach the capture before it stops.
   usleep(300 * 1000);
-  kill(pid, SIGINT);
-  int status = 0;
-  waitpid(pid, &status, 0);
+  kill(atoi(pid), SIGINT);
+  pclose(tshark);
 
   const std::string read = "tshark -r " + capture + " -d tcp.port==4880,hislip ";
   std::string types = run(read + "-T fields -e hislip.messagetype 2>/dev/null");
