@@ -17,14 +17,13 @@ const std::string kIdn = std::string(bridgesim::kIdentity) + "\n";
 
 int connectHislip(KvTcpInfo* r) { return kvtcp_hislip_Connect(r, "127.0.0.2", "inst0"); }
 
-// A query over Data/DataEnd; the answer (as far as it was read) goes to `out`.
-int query(KvTcpInfo* r, const std::string& q, std::string* out) {
+// A query over Data/DataEnd: its status and the answer as far as it was read.
+std::pair<int, std::string> query(KvTcpInfo* r, const std::string& q) {
   std::vector<char> o(q.begin(), q.end()), in(520, 0);
   o.resize(q.size() + 8, 0);
   int n = 0;
   int st = kvtcp_Query(r, 2000, o.data(), (int)q.size(), in.data(), 512, KVTCP_FLAG_END, 0, &n);
-  out->assign(in.data(), (size_t)std::max(0, std::min(n, 512)));
-  return st;
+  return {st, std::string(in.data(), (size_t)std::max(0, std::min(n, 512)))};
 }
 
 // One bridge command (a HiSLIP vendor-specific message) and its answer.
@@ -53,9 +52,8 @@ TEST(SimSession, SeveralClientsAtOnce) {
       KvTcpInfo* r = newRecord();
       if (connectHislip(r) != 0) return;
       for (int i = 0; i < kRounds; i++) {
-        std::string a;
         bool idn = (i + c) % 2 == 0;  // alternating, so that a mixed-up answer would show
-        if (query(r, idn ? "*IDN?\n" : "*OPC?\n", &a) == 2 && a == (idn ? kIdn : std::string("1\n"))) good++;
+        if (query(r, idn ? "*IDN?\n" : "*OPC?\n") == std::pair(2, idn ? kIdn : std::string("1\n"))) good++;
       }
       kvtcp_Close(r);
     });
@@ -70,15 +68,14 @@ TEST(SimSession, BridgeCommandsBetweenQueriesAndAFloodOfEvents) {
   KvTcpInfo* r = newRecord();
   ASSERT_EQ(0, connectHislip(r));
   sim->clearReceived();
-  std::string ans, a;
+  std::string ans;
   ASSERT_GE(bridgeCommand(r, kt::words({3, 0}), &ans), 0);  // system state
   EXPECT_EQ(8u, ans.size());
   EXPECT_EQ(0u, kt::word(ans, 0));
   auto rec = sim->receivedCommands();
   ASSERT_EQ(1u, rec.size());
   EXPECT_EQ((std::vector<uint8_t>{3, 0, 0, 0, 0, 0, 0, 0}), rec[0]);
-  ASSERT_EQ(2, query(r, "*IDN?\n", &a));  // instrument data on the same channel
-  EXPECT_EQ(kIdn, a);
+  ASSERT_EQ(std::pair(2, kIdn), query(r, "*IDN?\n"));  // instrument data on the same channel
 
   // Resource text (command 16): a long answer, status word first.
   ASSERT_GE(bridgeCommand(r, kt::words({16, 0}), &ans, 65536), 0);
@@ -91,11 +88,9 @@ TEST(SimSession, BridgeCommandsBetweenQueriesAndAFloodOfEvents) {
   // and the answer is still read in step.
   kvtcp_setCallback(onEvent);
   sim->updateFaults([](bridgesim::HislipFaults& f) { f.floodAsync = 50; });
-  EXPECT_EQ(2, query(r, "*IDN?\n", &a));
-  EXPECT_EQ(kIdn, a);
+  EXPECT_EQ(std::pair(2, kIdn), query(r, "*IDN?\n"));
   EXPECT_TRUE(eventually([] { return gAsyncVendor == 50; }));
-  EXPECT_EQ(2, query(r, "*OPC?\n", &a));
-  EXPECT_EQ("1\n", a);
+  EXPECT_EQ(std::pair(2, std::string("1\n")), query(r, "*OPC?\n"));
   kvtcp_setCallback(nullptr);
   kvtcp_Close(r);
 }
