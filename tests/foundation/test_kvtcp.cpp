@@ -88,7 +88,6 @@ struct Seams {
     if (segs.empty() && now->backing >= 0) recv(now->backing, &b, 1, 0);  // done: let poll see silence
     return (ssize_t)seg.size();
   }
-  // Scripts recv on p.a to return these segments in turn.
   void script(Pair& p, std::vector<std::string> segs) {
     segments.assign(segs.begin(), segs.end());
     backing = p.a;
@@ -105,8 +104,7 @@ std::string pattern(size_t n, int salt = 0) {
 }  // namespace
 
 
-// The name's form and sharing are pinned by the connect and integrity tests;
-// an address longer than the field is cut to it.
+// An address longer than the field is cut to it (the form is pinned elsewhere).
 TEST(MutexNames, BoundedByTheirField) {
   KvTcpInfo* r = kt::newRecord();
   open_mutex_intf(r, std::string(300, 'h').c_str());
@@ -338,9 +336,8 @@ TEST(RecvMin, LengthsSegmentsAndTimeOuts) {
   EXPECT_EQ(buf[16], 0);
 }
 
-// ENOBUFS is retried twice on receive, three times on send (after a pause
-// each time, the count starting afresh after progress); other errors end at
-// once with a lost connection.
+// ENOBUFS is retried twice on receive, three times on send, each after a pause
+// and counted afresh after progress; other errors lose the connection at once.
 TEST(NoBufs, RecvRetriedTwiceSendThreeTimes) {
   const int E = ENOBUFS;
   struct Case { bool send; std::deque<int> errors; size_t partial; ViStatus status; int sleeps, calls; };

@@ -1,7 +1,6 @@
 // The HiSLIP client against the simulated bridge where a scripted peer falls
 // short: several clients at once, bridge commands between queries and a flood
-// of asynchronous events.  Faults and reconnects are covered by the
-// scripted-peer and driver suites.
+// of asynchronous events (faults and reconnects: the scripted-peer suites).
 #include <gtest/gtest.h>
 
 #include "instrument.h"

@@ -2,8 +2,9 @@
 // Initialize and AsyncInitialize as told, then plays a script.
 #pragma once
 
-#include <dirent.h>
 #include <gtest/gtest.h>
+
+#include <filesystem>
 
 #include "testkit.h"
 
@@ -68,12 +69,8 @@ class Peer {
 };
 
 inline int openFds() {
-  int n = 0;
-  if (DIR* d = opendir("/proc/self/fd")) {
-    while (readdir(d)) n++;
-    closedir(d);
-  }
-  return n;
+  std::filesystem::directory_iterator fds("/proc/self/fd");
+  return (int)std::distance(fds, {});
 }
 
 }  // namespace hs
