@@ -204,31 +204,31 @@ TEST(HislipData, LongWriteThenReadsEndAndTerminate) {
 }
 
 TEST(HislipRead, ErrorMessagesAndBrokenHeaders) {
+  const int LOST = VI_ERROR_CONN_LOST;
+  struct Row { std::string wire; int status; std::string logged; };
+  const Row rows[] = {
+      {kt::header(9, 0, 0, 0), LOST, "Wait Data/DataEnd, get unexpected 9"},  // not a data message
+      {kt::header(3, 5, 0, 30) + "the command is not understood.", VI_ERROR_IO,
+       "get Error 3/5, the command is not understood."},
+      {kt::header(2, 1, 0, 40) + "the connection cannot go on, please stop", LOST,
+       "get Error 2/1, the connection cannot go on, please stop"},
+      {kt::header(3, 0, 0, 10) + "too short!", VI_ERROR_TMO, ""},  // shorter than a reply: never logged
+      {"XS" + std::string(14, '\0'), LOST, "Wrong Header, get 58530000"},
+      {kt::header(3, 0, 0, 300) + std::string(300, 'e'), LOST, "Wrong errLen, get Error 3/0, msg len 300"}};
   kt::LogCapture log;
   Peer peer;
-  peer.run([](Peer& p) {
-    hs::sendMsg(p.sync, 9, 0, 0);                                             // not a data message
-    hs::sendMsg(p.sync, 3, 5, 0, "the command is not understood.");          // Error, 30 bytes
-    hs::sendMsg(p.sync, 2, 1, 0, "the connection cannot go on, please stop"); // FatalError, 40 bytes
-    hs::sendMsg(p.sync, 3, 0, 0, "too short!");                               // shorter than a reply
-    kt::sendAllBytes(p.sync, "XS" + std::string(14, '\0'));
-    hs::sendMsg(p.sync, 3, 0, 0, std::string(300, 'e'));
+  peer.run([&](Peer& p) {
+    for (const Row& row : rows) kt::sendAllBytes(p.sync, row.wire);
   });
   KvTcpInfo* r = hs::connected();
-  char buf[64];
-  int n;
-  const int expected[] = {VI_ERROR_CONN_LOST, VI_ERROR_IO, VI_ERROR_CONN_LOST,
-                          VI_ERROR_TMO,       VI_ERROR_CONN_LOST, VI_ERROR_CONN_LOST};
-  for (int want : expected) {
-    EXPECT_EQ(want, kvtcp_Read(r, 2000, buf, sizeof buf, 0, 0, &n));
+  for (const Row& row : rows) {
+    char buf[64];
+    int n;
+    EXPECT_EQ(row.status, kvtcp_Read(r, 2000, buf, sizeof buf, 0, 0, &n)) << row.logged;
     EXPECT_EQ(0, r->hislipInHdr.msg);
+    EXPECT_TRUE(log.has(row.logged)) << row.logged;
   }
-  EXPECT_TRUE(log.has("Wait Data/DataEnd, get unexpected 9"));
-  EXPECT_TRUE(log.has("get Error 3/5, the command is not understood."));
-  EXPECT_TRUE(log.has("get Error 2/1, the connection cannot go on, please stop"));
   EXPECT_FALSE(log.has("too short!"));
-  EXPECT_TRUE(log.has("Wrong Header, get 58530000"));
-  EXPECT_TRUE(log.has("Wrong errLen, get Error 3/0, msg len 300"));
   kvtcp_Close(r);
 }
 
