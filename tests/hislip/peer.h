@@ -21,6 +21,14 @@ struct Handshake {
   uint8_t asyncType = 18;  // answer to AsyncInitialize
 };
 
+// A message as "type/code param" (param in hex) and its payload, if any, to
+// compare whole.
+inline std::string brief(const Msg& m) {
+  char head[40];
+  snprintf(head, sizeof head, "%d/%d %08X", m.type, m.code, m.param);
+  return m.data.empty() ? head : std::string(head) + " " + m.data;
+}
+
 // A fresh record connected to the scripted peer (a failed connect fails the
 // case; the calls after it then report a lost connection).
 inline KvTcpInfo* connected() {

@@ -70,11 +70,8 @@ TEST(HislipConnect, HandshakeFillsRecordThenVendorMessagesArePadded) {
   kvtcp_Close(r);
   peer.join();
 
-  EXPECT_EQ(0, peer.init.type);
-  EXPECT_EQ(0x01000E76u, peer.init.param);
-  EXPECT_EQ("inst0", peer.init.data);
-  EXPECT_EQ(17, peer.asyncInit.type);
-  EXPECT_EQ(0x1234u, peer.asyncInit.param);
+  EXPECT_EQ("0/0 01000E76 inst0", hs::brief(peer.init));  // protocol 1.0, the vendor, the sub-address
+  EXPECT_EQ("17/0 00001234", hs::brief(peer.asyncInit));    // the session id
 }
 
 // For both kinds of connection that this suite's peers serve (raw: port 5026).
@@ -160,10 +157,7 @@ TEST(HislipData, LongWriteThenReadsEndAndTerminate) {
     EXPECT_EQ(6, m.type);
     EXPECT_EQ(0xFFFFFF00u, m.param);
     EXPECT_TRUE(m.data == payload);
-    m = hs::readMsg(p.sync);
-    EXPECT_EQ(7, m.type);
-    EXPECT_EQ(0xFFFFFF02u, m.param);
-    EXPECT_EQ("tail!", m.data);  // not rounded: only vendor messages are
+    EXPECT_EQ("7/0 FFFFFF02 tail!", hs::brief(hs::readMsg(p.sync)));  // not rounded: only vendor messages are
     hs::sendMsg(p.sync, 6, 0, 0x10, "ABCDEFGHIJKLMNOPQRSTUVWXY");
     hs::sendMsg(p.sync, 7, 0, 0x12, "abc");
     hs::sendMsg(p.sync, 6, 0, 0x14, "xy\n");
@@ -235,23 +229,17 @@ TEST(HislipRead, ErrorMessagesAndBrokenHeaders) {
 TEST(HislipAsync, RingStatusByteAndDeviceClear) {
   Peer peer;
   peer.run([](Peer& p) {
-    Msg q = hs::readMsg(p.async);  // left unanswered: that query times out
-    EXPECT_EQ(21, q.type);
-    EXPECT_EQ(0xFFFFFF00u, q.param);
+    EXPECT_EQ("21/0 FFFFFF00", hs::brief(hs::readMsg(p.async)));  // left unanswered: it times out
     for (int i = 0; i < 9; i++) hs::sendMsg(p.async, 25, (int8_t)i, 0);
     hs::sendMsg(p.async, 16, 0, 0, std::string("\0\0\0\0\0\x01\x23\x45", 8));
-    q = hs::readMsg(p.async);
-    EXPECT_EQ(21, q.type);
-    EXPECT_EQ(0xFFFFFF02u, q.param);
+    EXPECT_EQ("21/0 FFFFFF02", hs::brief(hs::readMsg(p.async)));
     hs::sendMsg(p.async, 22, 0x42, 0);
     hs::sendMsg(p.async, 16, 0, 0, std::string("\0\0\0\x01\0\0\0\0", 8));
 
-    q = hs::readMsg(p.async);
-    EXPECT_EQ(19, q.type);
+    EXPECT_EQ(19, hs::readMsg(p.async).type);
     hs::sendMsg(p.async, 23, 1, 0);
-    Msg c = hs::readMsg(p.sync);
-    EXPECT_EQ(8, c.type);
-    EXPECT_EQ(0xFF, c.code);  // the feature byte as read from the taken slot
+    // The feature byte as read from the taken slot.
+    EXPECT_EQ("8/255 00000000", hs::brief(hs::readMsg(p.sync)));
     hs::sendMsg(p.sync, 9, 0, 0);
     hs::sendMsg(p.async, 16, 0, 0, "1234", 4);  // malformed: the thread leaves
   });
