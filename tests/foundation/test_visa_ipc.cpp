@@ -27,13 +27,6 @@ int semValue(MUTEX_TYPE m) {
   return v;
 }
 
-MUTEX_TYPE openMutex(const char* name) {
-  MUTEX_TYPE h = nullptr;
-  EXPECT_EQ(util_mutex_open(name, &h), VI_SUCCESS);
-  EXPECT_TRUE(h != nullptr && h != SEM_FAILED);
-  return h;
-}
-
 double nowMs() {
   struct timespec ts;
   clock_gettime(CLOCK_MONOTONIC, &ts);
@@ -63,7 +56,9 @@ TEST(NamedMutex, NameLengthBoundsAndNullHandles) {
 
 TEST(NamedMutex, SeveralLocks) {
   const char* names[3] = {"/kvt_m0", "/kvt_m1", "/kvt_m2"};
-  MUTEX_TYPE hs[3] = {openMutex(names[0]), openMutex(names[1]), openMutex(names[2])};
+  MUTEX_TYPE hs[3] = {};
+  for (int i = 0; i < 3; i++) ASSERT_EQ(util_mutex_open(names[i], &hs[i]), VI_SUCCESS);
+  for (MUTEX_TYPE h : hs) ASSERT_TRUE(h != nullptr && h != SEM_FAILED);
   // A null handle among them: refused before anything is taken.
   MUTEX_TYPE withNull[3] = {hs[0], nullptr, hs[2]};
   EXPECT_EQ(util_mutexes_lock(3, withNull, 0), VI_ERROR_INV_OBJECT);
