@@ -367,15 +367,24 @@ TEST(NoBufs, RecvRetriedTwiceSendThreeTimes) {
   }
 }
 
-TEST(SendAll, ClosedPeerLostWithoutSignal) {
+// SendHdrData sends maxlen bytes of header and data joined (never more than
+// there are); a vanished peer is a lost connection, never a SIGPIPE.
+TEST(Send, HeaderAndDataJoinedClosedPeerLostWithoutSignal) {
   Pair p;
+  char buf[32];
+  for (auto [maxlen, want] : {std::pair{7, "HDR:abc"}, {10, "HDR:abcdef"}, {1000, "HDR:abcdef"}}) {
+    EXPECT_EQ(SendHdrData(p.a, "HDR:", 4, "abcdef", 6, maxlen), VI_SUCCESS);
+    ssize_t r = recv(p.b, buf, sizeof buf, 0);
+    EXPECT_EQ(std::string(buf, r > 0 ? r : 0), want);
+  }
   int n = -1;
   EXPECT_EQ(sendAll(p.a, "", 0, &n), VI_SUCCESS);
   EXPECT_EQ(n, 0);
   p.closeB();
-  EXPECT_EQ(sendAll(p.a, "abc", 3, &n), VI_ERROR_CONN_LOST);  // no SIGPIPE either
+  EXPECT_EQ(sendAll(p.a, "abc", 3, &n), VI_ERROR_CONN_LOST);
   EXPECT_EQ(n, 0);
   EXPECT_EQ(sendAll(p.a, "", 0, &n), VI_ERROR_CONN_LOST);  // even an empty send fails there
+  EXPECT_EQ(SendHdrData(p.a, "HDR:", 4, "abcdef", 6, 10), VI_ERROR_CONN_LOST);
 }
 
 // The last minlen bytes of the final segment, out of a tail of at most 128.
@@ -428,18 +437,6 @@ TEST(RecvClear, DrainsEverythingPending) {
   send(p.b, "z", 1, 0);
   p.closeB();
   recvClear(p.a);  // ends on end of file rather than spinning
-}
-
-TEST(SendHdrData, SendsMaxlenBytesOfHeaderAndData) {
-  Pair p;
-  char buf[32];
-  for (auto [maxlen, want] : {std::pair{7, "HDR:abc"}, {10, "HDR:abcdef"}, {1000, "HDR:abcdef"}}) {
-    EXPECT_EQ(SendHdrData(p.a, "HDR:", 4, "abcdef", 6, maxlen), VI_SUCCESS);  // 1000: only what is there
-    ssize_t r = recv(p.b, buf, sizeof buf, 0);
-    EXPECT_EQ(std::string(buf, r > 0 ? r : 0), want);
-  }
-  p.closeB();
-  EXPECT_EQ(SendHdrData(p.a, "HDR:", 4, "abcdef", 6, 10), VI_ERROR_CONN_LOST);
 }
 
 TEST(ConnectTmo, SilentPeerTimesOut) {

@@ -14,8 +14,6 @@ namespace {
 
 const std::string kIdn = std::string(bridgesim::kIdentity) + "\n";
 
-int connectHislip(KvTcpInfo* r) { return kvtcp_hislip_Connect(r, "127.0.0.2", "inst0"); }
-
 // A query over Data/DataEnd: its status and the answer as far as it was read.
 std::pair<int, std::string> query(KvTcpInfo* r, const std::string& q) {
   std::vector<char> o(q.begin(), q.end()), in(520, 0);
@@ -49,7 +47,7 @@ TEST(SimSession, SeveralClientsAtOnce) {
   for (int c = 0; c < kClients; c++) {
     th.emplace_back([&, c] {
       KvTcpInfo* r = newRecord();
-      if (connectHislip(r) != 0) return;
+      if (kvtcp_hislip_Connect(r, "127.0.0.2", "inst0") != 0) return;
       for (int i = 0; i < kRounds; i++) {
         bool idn = (i + c) % 2 == 0;  // alternating, so that a mixed-up answer would show
         if (query(r, idn ? "*IDN?\n" : "*OPC?\n") == std::pair(2, idn ? kIdn : std::string("1\n"))) good++;
@@ -65,7 +63,7 @@ TEST(SimSession, SeveralClientsAtOnce) {
 TEST(SimSession, BridgeCommandsBetweenQueriesAndAFloodOfEvents) {
   auto sim = sh::startSim("127.0.0.2");
   KvTcpInfo* r = newRecord();
-  ASSERT_EQ(0, connectHislip(r));
+  ASSERT_EQ(0, kvtcp_hislip_Connect(r, "127.0.0.2", "inst0"));
   // Resource text (command 16): a long answer, status word first.
   std::string ans;
   ASSERT_GE(bridgeCommand(r, kt::words({16, 0}), &ans, 65536), 0);
