@@ -9,11 +9,10 @@ namespace {
 
 const char kAddr[] = "127.0.0.1";
 
-unsigned char slotType(KvTcpInfo* r, int i) { return __atomic_load_n(&r->hislipAsyncIn[i].msg, __ATOMIC_ACQUIRE); }
-
+// An answer slot, in whole words read atomically as the receive thread writes
+// them; byte 2 is the message type (0: free).
 std::vector<uint8_t> slotBytes(KvTcpInfo* r, int i) {
   std::vector<uint8_t> v(16);
-  // Whole words, atomically, as the receive thread writes them.
   for (int k = 0; k < 4; k++) {
     uint32_t w = __atomic_load_n((volatile uint32_t*)&r->hislipAsyncIn[i] + k, __ATOMIC_ACQUIRE);
     memcpy(&v[4 * k], &w, 4);
@@ -249,7 +248,7 @@ TEST(HislipAsync, RingStatusByteAndDeviceClear) {
 
   ASSERT_TRUE(kt::eventually([&] { return kvLoad(r->hislipMaximumMessageSize) == 0x12345u; }));
   for (int i = 0; i < 8; i++) {
-    EXPECT_EQ(25, slotType(r, i));
+    EXPECT_EQ(25, slotBytes(r, i)[2]);
     EXPECT_EQ(i, (int)slotBytes(r, i)[3]);  // the ninth was dropped
   }
   std::vector<std::vector<uint8_t>> before;
@@ -266,7 +265,7 @@ TEST(HislipAsync, RingStatusByteAndDeviceClear) {
   EXPECT_TRUE(kt::eventually([&] { return kvLoad(r->hislipMaximumMessageSize) == 0x7FFF0000u; }));
 
   EXPECT_EQ(VI_SUCCESS, kvtcp_Clear(r, 2000));
-  for (int i = 0; i < 8; i++) EXPECT_EQ(0, slotType(r, i));
+  for (int i = 0; i < 8; i++) EXPECT_EQ(0, slotBytes(r, i)[2]);
   EXPECT_EQ((int)0xFFFFFF00u, r->hislipOutMesageID);
 
   EXPECT_TRUE(kt::eventually([&] { return kvLoad(r->S_Intr) == 0; }));
@@ -304,7 +303,7 @@ TEST(HislipAsync, ServiceRequestAndBridgeEvents) {
   std::lock_guard<std::mutex> g(gEventMutex);
   EXPECT_EQ((std::vector<std::string>{"20", "128 IRQ:0123456."}), gEvents);
   EXPECT_EQ(0, r->hislipWaitAsyncStatus);
-  for (int i = 0; i < 8; i++) EXPECT_EQ(0, slotType(r, i));
+  for (int i = 0; i < 8; i++) EXPECT_EQ(0, slotBytes(r, i)[2]);
   EXPECT_EQ(1, r->Connected);
   kvtcp_Close(r);
 }
