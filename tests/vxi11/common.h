@@ -19,6 +19,7 @@ namespace vx {
 using kt::newRecord;
 constexpr const char* kAddr = "127.0.0.2";
 constexpr const char* kIdn = "KVSIM,VXI11-INSTRUMENT,0,1.0\n";
+using Got = std::pair<int, std::string>;  // a read's status and bytes
 
 inline bool waitUntil(const std::function<bool()>& pred, int ms = 5000) { return kt::eventually(pred, ms); }
 
@@ -102,6 +103,18 @@ class Vxi11Test : public ::testing::Test {
     int n = 0;
     ASSERT_EQ(kvtcp_Write(r, 1000, c.data(), (int)cmd.size(), 0x0002, &n), VI_SUCCESS);
     ASSERT_EQ(n, (int)cmd.size());
+  }
+  Got read(KvTcpInfo* r, int count, ViUInt16 flags = 0x0002, char term = 0, ViUInt32 tmo = 1000) {
+    std::vector<char> buf((size_t)count);
+    int n = 0, st = kvtcp_Read(r, tmo, buf.data(), count, flags, term, &n);
+    EXPECT_TRUE(n >= 0 && n <= count) << n;
+    return {st, std::string(buf.data(), (size_t)std::clamp(n, 0, count))};
+  }
+  Got query(KvTcpInfo* r, std::string q) {
+    char in[256];
+    int n = 0, st = kvtcp_Query(r, 1000, q.data(), (int)q.size(), in, sizeof in, 0x0002, 0, &n);
+    EXPECT_TRUE(n >= 0 && n <= (int)sizeof in) << n;
+    return {st, std::string(in, (size_t)std::clamp(n, 0, (int)sizeof in))};
   }
   bool logged(const std::string& text) { return log->has(text); }
 

@@ -72,29 +72,18 @@ TEST_F(Vxi11Io, ReadsOnBothSidesOfTheSingleReplyLimit) {
     EXPECT_EQ(std::string(buf.data(), (size_t)n), want);
     EXPECT_EQ(buf[(size_t)count], '#');  // nothing written past the count
   }
-  // The stream stays in step after the large reads (padding consumed).
-  char q[] = "*IDN?", idn[64] = {};
-  int n = 0;
-  EXPECT_EQ(kvtcp_Query(r, 1000, q, 5, idn, sizeof idn - 1, 0x0002, 0, &n), 2);
-  EXPECT_STREQ(idn, kIdn);
+  EXPECT_EQ(query(r, "*IDN?"), Got(2, kIdn)) << "the stream stays in step (padding consumed)";
 }
 
 TEST_F(Vxi11Io, ReadReasonsStatusByteAndClear) {
   KvTcpInfo* r = up();
   // Count reached before the end: reason 0, the rest stays for the next read.
   send(r, "DATA? 300");
-  char buf[400];
-  int n = 0;
-  EXPECT_EQ(kvtcp_Read(r, 1000, buf, 100, 0x0002, 0, &n), 0);
-  EXPECT_EQ(n, 100);
-  EXPECT_EQ(kvtcp_Read(r, 1000, buf, 400, 0x0002, 0, &n), 2);
-  EXPECT_EQ(std::string(buf, (size_t)n), block(300).substr(100));
-
+  EXPECT_EQ(read(r, 100), Got(0, block(300).substr(0, 100)));
+  EXPECT_EQ(read(r, 400), Got(2, block(300).substr(100)));
   send(r, "ECHO? hello");  // termination character
-  EXPECT_EQ(kvtcp_Read(r, 1000, buf, sizeof buf, 0x0003, 'l', &n), 1);
-  EXPECT_EQ(std::string(buf, (size_t)n), "hel");
-  EXPECT_EQ(kvtcp_Read(r, 1000, buf, sizeof buf, 0x0002, 0, &n), 2);
-  EXPECT_EQ(std::string(buf, (size_t)n), "lo\n");
+  EXPECT_EQ(read(r, 400, 0x0003, 'l'), Got(1, "hel"));
+  EXPECT_EQ(read(r, 400), Got(2, "lo\n"));
 
   sim->setStatusByte(0x51);
   ViUInt16 stb = 0;
@@ -105,9 +94,7 @@ TEST_F(Vxi11Io, ReadReasonsStatusByteAndClear) {
   send(r, "DATA? 50");  // a clear empties the output queue
   EXPECT_EQ(kvtcp_Clear(r, 1000), VI_SUCCESS);
   EXPECT_EQ(sim->clearCount(), 1);
-  send(r, "*OPC?");
-  EXPECT_EQ(kvtcp_Read(r, 1000, buf, sizeof buf, 0x0002, 0, &n), 2);
-  EXPECT_EQ(std::string(buf, (size_t)n), "1\n");
+  EXPECT_EQ(query(r, "*OPC?"), Got(2, "1\n"));
 }
 
 // A read with nothing queued waits for output, as a device does, instead
@@ -115,17 +102,15 @@ TEST_F(Vxi11Io, ReadReasonsStatusByteAndClear) {
 TEST_F(Vxi11Io, EmptyReadWaitsForOutput) {
   KvTcpInfo* r = up();
   KvTcpInfo* other = connect();
-  char buf[64] = {};
-  int n = 0, st = 0;
-  std::thread reader([&] { st = kvtcp_Read(r, 20000, buf, sizeof buf, 0x0002, 0, &n); });
+  Got got;
+  std::thread reader([&] { got = read(r, 64, 0x0002, 0, 20000); });
   ASSERT_TRUE(waitUntil([&] {
     auto c = sim->calls();
     return std::count(c.begin(), c.end(), VXI11_READ) == 1;
   }));
   send(other, "*IDN?");
   reader.join();
-  EXPECT_EQ(st, 2);
-  EXPECT_EQ(std::string(buf, (size_t)n), kIdn);
+  EXPECT_EQ(got, Got(2, kIdn));
 }
 
 TEST_F(Vxi11Io, DeviceErrorsBecomeIoErrors) {
@@ -195,7 +180,14 @@ TEST_F(Vxi11Io, TwoTimeoutsInARowLoseTheConnection) {
     EXPECT_EQ(r->LastError, VI_ERROR_CONN_LOST);
     EXPECT_EQ(r->Connected, 0);
     EXPECT_EQ(r->S_Core, 0);
-    EXPECT_EQ(call(), VI_ERROR_CONN_LOST);
+    // From here on every call is refused at once.
+    char buf[8] = {};
+    int n = 5;
+    EXPECT_EQ(kvtcp_Write(r, 100, buf, 1, 0, &n), VI_ERROR_CONN_LOST);
+    EXPECT_EQ(n, 0);
+    EXPECT_EQ(read(r, 1).first, VI_ERROR_CONN_LOST);
+    EXPECT_EQ(kvtcp_ReadSTB(r, 100, &stb), VI_ERROR_CONN_LOST);
+    EXPECT_EQ(kvtcp_Clear(r, 100), VI_ERROR_CONN_LOST);
     sim->stop();
   }
 }
@@ -203,9 +195,7 @@ TEST_F(Vxi11Io, TwoTimeoutsInARowLoseTheConnection) {
 TEST_F(Vxi11Io, TimeoutThenSuccessDoesNotLoseTheConnection) {
   KvTcpInfo* r = up(1024, VXI11_READ, 600);
   send(r, "DATA? 20");
-  char buf[64];
-  int n = 0;
-  EXPECT_EQ(kvtcp_Read(r, 50, buf, sizeof buf, 0x0002, 0, &n), VI_ERROR_TMO);
+  EXPECT_EQ(read(r, 64, 0x0002, 0, 50).first, VI_ERROR_TMO);
   vxi11sim::Faults f = sim->faults();
   f.lateProc = 0;
   sim->setFaults(f);
@@ -217,19 +207,6 @@ TEST_F(Vxi11Io, TimeoutThenSuccessDoesNotLoseTheConnection) {
   EXPECT_EQ(stb, 3);
   EXPECT_EQ(r->Connected, 1);
   EXPECT_EQ(r->LastError, 0);
-}
-
-TEST_F(Vxi11Io, UnusableRecordIsRefused) {
-  KvTcpInfo* r = newRecord();
-  r->tcpType = KVTCP_VXI11;
-  char buf[8] = {};
-  int n = 5;
-  EXPECT_EQ(kvtcp_Write(r, 100, buf, 1, 0, &n), VI_ERROR_CONN_LOST);
-  EXPECT_EQ(n, 0);
-  EXPECT_EQ(kvtcp_Read(r, 100, buf, 1, 0, 0, &n), VI_ERROR_CONN_LOST);
-  ViUInt16 stb;
-  EXPECT_EQ(kvtcp_ReadSTB(r, 100, &stb), VI_ERROR_CONN_LOST);
-  EXPECT_EQ(kvtcp_Clear(r, 100), VI_ERROR_CONN_LOST);
 }
 
 }  // namespace
