@@ -74,15 +74,19 @@ class Vxi11Test : public ::testing::Test {
     if (sim) sim->stop();
     log.reset();
   }
-  void startSim(const vxi11sim::Faults& f = {}, vxi11sim::PortmapMode pm = vxi11sim::PortmapMode::Own,
-                const char* addr = kAddr) {
+  void startSim(const vxi11sim::Faults& f = {}, vxi11sim::PortmapMode pm = vxi11sim::PortmapMode::Own) {
+    sim = makeSim(kAddr, f, pm);
+  }
+  static std::unique_ptr<vxi11sim::Simulator> makeSim(const char* addr, const vxi11sim::Faults& f = {},
+                                                      vxi11sim::PortmapMode pm = vxi11sim::PortmapMode::Own) {
     vxi11sim::Options o;
     o.address = addr;
     o.portmap = pm;
     o.faults = f;
-    sim = std::make_unique<vxi11sim::Simulator>(o);
+    auto s = std::make_unique<vxi11sim::Simulator>(o);
     std::string err;
-    ASSERT_TRUE(sim->start(&err)) << err;
+    EXPECT_TRUE(s->start(&err)) << err;
+    return s;
   }
   // A connected record (closed after the test); status: where the connect's
   // status goes instead of being expected to succeed.

@@ -139,10 +139,7 @@ TEST_F(Vxi11Test, MissingOrRefusedAbortChannelIsNotAnError) {
     KvTcpInfo* r = connect();
     EXPECT_EQ(r->Connected, 1);
     EXPECT_EQ(r->S_Abort, 0);
-    char q[] = "*OPC?\n", in[16] = {};
-    int n = 0;
-    EXPECT_EQ(kvtcp_Query(r, 1000, q, 6, in, sizeof in, 0x0002, 0, &n), 2);
-    EXPECT_STREQ(in, "1\n");
+    EXPECT_EQ(query(r, "*OPC?\n"), Got(2, "1\n"));
     kvtcp_Close(r);
     sim->stop();
   }
