@@ -9,6 +9,7 @@
 #include <initializer_list>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "bridge.h"
@@ -38,6 +39,9 @@ inline uint32_t word(const std::vector<uint8_t>& a, size_t i) {
   return x;
 }
 
+// A single read's status and value, compared as one.
+using Read = std::pair<uint32_t, uint32_t>;
+
 // A bridge plus the interrupt reports it broadcasts.
 struct Rig {
   explicit Rig(const std::string& ini = std::string()) : b(ini) {
@@ -53,10 +57,9 @@ struct Rig {
   uint32_t st(std::initializer_list<uint32_t> w) { return word(cmd(w), 0); }
 
   // single accesses
-  uint32_t read(uint32_t space, uint32_t width, uint32_t addr, uint32_t* v) {
+  Read read(uint32_t space, uint32_t width, uint32_t addr) {
     auto a = cmd({4 | space | width, 0, addr});
-    *v = word(a, 1);
-    return word(a, 0);
+    return {word(a, 0), word(a, 1)};
   }
   uint32_t write(uint32_t space, uint32_t width, uint32_t addr, uint32_t v) {
     return st({5 | space | width, 1000, addr, v});

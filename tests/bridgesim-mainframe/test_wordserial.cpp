@@ -63,9 +63,7 @@ TEST(WordSerial, ProtocolBitsByteTransfersRefusalsAndBusErrors) {
   r.wsWrite(kDmm, "*IDN?\n");
   // a command sent alone leaves its response waiting (RR)
   EXPECT_EQ(0u, word(r.wsCmd(kDmm, kSend16, 0xDFFF), 0));
-  uint32_t resp = 0;
-  EXPECT_EQ(0u, r.read(A16, D16, cfg(kDmm, 0x0A), &resp));
-  EXPECT_TRUE(resp & 0x0400) << "RR";
+  EXPECT_TRUE(r.read(A16, D16, cfg(kDmm, 0x0A)).second & 0x0400) << "RR";
   EXPECT_EQ(0x1005u, word(r.wsCmd(kDmm, kRead16, 0xFFFF), 1));
   EXPECT_EQ(kTmo, word(r.wsCmd(kDmm, kRead16, 0xFFFF), 0)) << "nothing pending";
   // Byte Request hands out the answer a byte at a time, END on the last
@@ -84,8 +82,8 @@ TEST(WordSerial, ProtocolBitsByteTransfersRefusalsAndBusErrors) {
   EXPECT_EQ("0\n", text(r.wsReadReady(kDmm, 256)));
   // an unsupported command sets ERR*; Read Protocol Error reports and clears it
   EXPECT_EQ(0u, word(r.wsCmd(kSwitch, kSend16, 0xC8FF), 0));
-  EXPECT_EQ(0u, r.read(A16, D16, cfg(kSwitch, 0x0A), &resp));
-  EXPECT_FALSE(resp & 0x0800);
+  auto [st, resp] = r.read(A16, D16, cfg(kSwitch, 0x0A));
+  EXPECT_EQ(Read(0, 0), Read(st, resp & 0x0800)) << "ERR* low";
   EXPECT_EQ(kIo, word(r.wsCmd(kSwitch, kSend16 | kRead16, 0xC8FF), 0)) << "a refused query fails at once";
   EXPECT_EQ(0xFFF8u, word(r.wsCmd(kSwitch, kSend16 | kRead16, 0xCDFF), 1));
   EXPECT_EQ(0xFFFFu, word(r.wsCmd(kSwitch, kSend16 | kRead16, 0xCDFF), 1));
@@ -101,19 +99,14 @@ TEST(WordSerial, RegisterLevelProtocolThroughDataLow) {
   Rig r;
   // what a commander does without the bridge's help: poll WR, write Data
   // Low, poll RR, read Data Low
-  uint32_t v = 0;
-  EXPECT_EQ(0u, r.read(A16, D16, cfg(kDmm, 0x0A), &v));
-  ASSERT_TRUE(v & 0x0200);
+  ASSERT_TRUE(r.read(A16, D16, cfg(kDmm, 0x0A)).second & 0x0200) << "WR";
   EXPECT_EQ(0u, r.write(A16, D16, cfg(kDmm, 0x0E), 0xCFFF));
-  EXPECT_EQ(0u, r.read(A16, D16, cfg(kDmm, 0x0A), &v));
-  ASSERT_TRUE(v & 0x0400);
-  EXPECT_EQ(0u, r.read(A16, D16, cfg(kDmm, 0x0E), &v));
-  EXPECT_EQ(0xFF00u, v);
-  EXPECT_EQ(kBerr, r.read(A16, D16, cfg(kDmm, 0x0E), &v)) << "no response waiting";
+  ASSERT_TRUE(r.read(A16, D16, cfg(kDmm, 0x0A)).second & 0x0400) << "RR";
+  EXPECT_EQ(Read(0, 0xFF00), r.read(A16, D16, cfg(kDmm, 0x0E)));
+  EXPECT_EQ(kBerr, r.read(A16, D16, cfg(kDmm, 0x0E)).first) << "no response waiting";
   // a longword command as one 32-bit write of Data High and Data Low
   EXPECT_EQ(0u, r.write(A16, D32, cfg(kDmm, 0x0C), 0x0001CFFF));
-  EXPECT_EQ(0u, r.read(A16, D32, cfg(kDmm, 0x0C), &v));
-  EXPECT_EQ(0x0001FF00u, v);
+  EXPECT_EQ(Read(0, 0x0001FF00), r.read(A16, D32, cfg(kDmm, 0x0C)));
 }
 
 TEST(WordSerial, AnswersWaitingForReadersGoToTheReportsOnlyWhileSessionsLive) {
