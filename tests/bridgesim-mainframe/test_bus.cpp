@@ -21,6 +21,7 @@ TEST(BridgeRegisters, ConfigurationRegistersFollowTheVxiLayout) {
   EXPECT_EQ(0u, r.write(A16, D16, cfg(8, 0x10), 0xBEEF));
   EXPECT_EQ(0u, r.write(A16, D08, cfg(8, 0x11), 0x42));
   EXPECT_EQ(Read(0, 0xBE42), r.read(A16, D16, cfg(8, 0x10)));
+  EXPECT_EQ(Read(0, 0xBE), r.read(A16, D08, cfg(8, 0x10))) << "a byte read at an even address: the high half";
 }
 
 TEST(BridgeRegisters, NothingDecodedOrMisalignedIsABusError) {
