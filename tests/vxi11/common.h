@@ -108,9 +108,11 @@ class Vxi11Test : public ::testing::Test {
     ASSERT_EQ(kvtcp_Write(r, 1000, c.data(), (int)cmd.size(), 0x0002, &n), VI_SUCCESS);
     ASSERT_EQ(n, (int)cmd.size());
   }
+  // A read into a buffer with a guard behind the count, which must stay untouched.
   Got read(KvTcpInfo* r, int count, ViUInt16 flags = 0x0002, char term = 0, ViUInt32 tmo = 1000) {
-    std::vector<char> buf((size_t)count);
+    std::vector<char> buf((size_t)count + 16, '#');
     int n = 0, st = kvtcp_Read(r, tmo, buf.data(), count, flags, term, &n);
+    EXPECT_EQ(std::string(buf.end() - 16, buf.end()), std::string(16, '#')) << "written past the count";
     EXPECT_TRUE(n >= 0 && n <= count) << n;
     return {st, std::string(buf.data(), (size_t)std::clamp(n, 0, count))};
   }
@@ -119,6 +121,11 @@ class Vxi11Test : public ::testing::Test {
     int n = 0, st = kvtcp_Query(r, 1000, q.data(), (int)q.size(), in, sizeof in, 0x0002, 0, &n);
     EXPECT_TRUE(n >= 0 && n <= (int)sizeof in) << n;
     return {st, std::string(in, (size_t)std::clamp(n, 0, (int)sizeof in))};
+  }
+  std::pair<int, int> stb(KvTcpInfo* r, ViUInt32 tmo = 1000) {  // the call's status and the byte
+    ViUInt16 b = 0xFFFF;
+    int st = kvtcp_ReadSTB(r, tmo, &b);
+    return {st, b};
   }
   bool logged(const std::string& text) { return log->has(text); }
 

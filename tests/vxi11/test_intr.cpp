@@ -34,10 +34,8 @@ class Vxi11Intr : public Vxi11Test {
 
 TEST_F(Vxi11Intr, ServiceRequestReachesHandlerOnlyWithOurHandle) {
   KvTcpInfo* r = connectWithEvents();
-  for (int i = 0; i < 20; i++) {  // issued while the thread may still be creating the channel
-    ViUInt16 stb = 0;
-    ASSERT_EQ(kvtcp_ReadSTB(r, 2000, &stb), VI_SUCCESS) << i;
-  }
+  for (int i = 0; i < 20; i++)  // issued while the thread may still be creating the channel
+    ASSERT_EQ(stb(r, 2000).first, VI_SUCCESS) << i;
   ASSERT_TRUE(sim->waitForInterruptChannel(5000));
   ASSERT_TRUE(waitUntil([&] { return r->S_Intr != 0; }));
   EXPECT_NE(r->intr_port, 0xFFFF);
@@ -70,9 +68,8 @@ TEST_F(Vxi11Intr, ServiceRequestReachesHandlerOnlyWithOurHandle) {
 
   send(r, "SRQ\n");  // the instrument's own service request (status byte bit 6)
   ASSERT_TRUE(waitUntil([] { return gEvents == 4; }));
-  ViUInt16 stb = 0;
-  EXPECT_EQ(kvtcp_ReadSTB(r, 1000, &stb), VI_SUCCESS);
-  EXPECT_EQ(stb & 0x40, 0x40);
+  auto [st, byte] = stb(r);
+  EXPECT_EQ(std::make_pair(st, byte & 0x40), std::make_pair(VI_SUCCESS, 0x40));
 
   kvtcp_Disconnect(r);  // closes the channel; the thread ends
   EXPECT_EQ(r->S_Intr, 0);

@@ -24,17 +24,16 @@ TEST_F(Vxi11Io, WriteChunksFollowMaxRecvSize) {
     uint32_t maxRecv;
     int count;
     ViUInt16 flags;
-    std::vector<size_t> sizes;
-    std::vector<int32_t> endFlags;
+    std::vector<std::pair<size_t, int32_t>> chunks;  // size and flags of each device_write
   } cases[] = {
-      {1024, 300, 0x0002, {300}, {8}},
-      {200, 300, 0x0002, {136, 136, 28}, {0, 0, 8}},
-      {200, 300, 0x0001, {136, 136, 28}, {0, 0, 8}},  // either low bit asks for END
-      {200, 300, 0x0000, {136, 136, 28}, {0, 0, 0}},
-      {1024, 301, 0x0002, {301}, {8}},  // unaligned large chunk (copied and padded)
-      {1024, 191, 0x0002, {191}, {8}},  // small chunk (built in place)
-      {100, 10, 0x0002, {10}, {8}},
-      {0xFFFFFFFFu, 20000, 0x0002, {20000}, {8}},  // a huge offer is capped, not taken as negative
+      {1024, 300, 0x0002, {{300, 8}}},
+      {200, 300, 0x0002, {{136, 0}, {136, 0}, {28, 8}}},
+      {200, 300, 0x0001, {{136, 0}, {136, 0}, {28, 8}}},  // either low bit asks for END
+      {200, 300, 0x0000, {{136, 0}, {136, 0}, {28, 0}}},
+      {1024, 301, 0x0002, {{301, 8}}},  // unaligned large chunk (copied and padded)
+      {1024, 191, 0x0002, {{191, 8}}},  // small chunk (built in place)
+      {100, 10, 0x0002, {{10, 8}}},
+      {0xFFFFFFFFu, 20000, 0x0002, {{20000, 8}}},  // a huge offer is capped, not taken as negative
   };
   for (const auto& c : cases) {
     SCOPED_TRACE("maxRecvSize " + std::to_string(c.maxRecv) + " count " + std::to_string(c.count));
@@ -44,15 +43,14 @@ TEST_F(Vxi11Io, WriteChunksFollowMaxRecvSize) {
     int n = -1;
     ASSERT_EQ(kvtcp_Write(r, 1000, data.data(), c.count, c.flags, &n), VI_SUCCESS);
     EXPECT_EQ(n, c.count);
-    auto w = sim->writes();
-    ASSERT_EQ(w.size(), c.sizes.size());
+    std::vector<std::pair<size_t, int32_t>> chunks;
     std::string joined;
-    for (size_t i = 0; i < w.size(); i++) {
-      EXPECT_EQ(w[i].data.size(), c.sizes[i]);
-      EXPECT_EQ(w[i].flags, c.endFlags[i]);
-      EXPECT_EQ(w[i].lid, (int32_t)r->lid);
-      joined += w[i].data;
+    for (const auto& w : sim->writes()) {
+      chunks.emplace_back(w.data.size(), w.flags);
+      EXPECT_EQ(w.lid, (int32_t)r->lid);
+      joined += w.data;
     }
+    EXPECT_EQ(chunks, c.chunks);
     EXPECT_EQ(joined, pattern((size_t)c.count));
     kvtcp_Close(r);
     sim->stop();
@@ -62,15 +60,8 @@ TEST_F(Vxi11Io, WriteChunksFollowMaxRecvSize) {
 TEST_F(Vxi11Io, ReadsOnBothSidesOfTheSingleReplyLimit) {
   KvTcpInfo* r = up();
   for (int count : {1, 3, 214, 215, 216, 217, 1000, 5000}) {
-    SCOPED_TRACE(count);
-    std::string want = pattern((size_t)count - 1) + "\n";
     send(r, "ECHO? " + pattern((size_t)count - 1));
-    std::vector<char> buf((size_t)count + 8, '#');
-    int n = -1;
-    EXPECT_EQ(kvtcp_Read(r, 1000, buf.data(), count, 0x0002, 0, &n), 2);
-    ASSERT_EQ(n, count);
-    EXPECT_EQ(std::string(buf.data(), (size_t)n), want);
-    EXPECT_EQ(buf[(size_t)count], '#');  // nothing written past the count
+    EXPECT_EQ(read(r, count), Got(2, pattern((size_t)count - 1) + "\n")) << count;
   }
   EXPECT_EQ(query(r, "*IDN?"), Got(2, kIdn)) << "the stream stays in step (padding consumed)";
 }
@@ -86,9 +77,7 @@ TEST_F(Vxi11Io, ReadReasonsStatusByteAndClear) {
   EXPECT_EQ(read(r, 400), Got(2, "lo\n"));
 
   sim->setStatusByte(0x51);
-  ViUInt16 stb = 0;
-  EXPECT_EQ(kvtcp_ReadSTB(r, 1000, &stb), VI_SUCCESS);
-  EXPECT_EQ(stb, 0x51);
+  EXPECT_EQ(stb(r), std::make_pair(VI_SUCCESS, 0x51));
   EXPECT_EQ(r->LastError, 0);
 
   send(r, "DATA? 50");  // a clear empties the output queue
@@ -123,11 +112,10 @@ TEST_F(Vxi11Io, DeviceErrorsBecomeIoErrors) {
     KvTcpInfo* r = connect();
     char buf[64] = "*OPC?\n";
     int n = 0, st = 0;
-    ViUInt16 stb = 0;
     switch (proc) {
       case VXI11_WRITE: st = kvtcp_Write(r, 1000, buf, 6, 0x0002, &n); break;
       case VXI11_READ: st = kvtcp_Read(r, 1000, buf, sizeof buf, 0x0002, 0, &n); break;
-      case VXI11_READSTB: st = kvtcp_ReadSTB(r, 1000, &stb); break;
+      case VXI11_READSTB: st = stb(r).first; break;
       case VXI11_CLEAR: st = kvtcp_Clear(r, 1000); break;
     }
     EXPECT_EQ(st, VI_ERROR_IO);
@@ -144,16 +132,14 @@ TEST_F(Vxi11Io, WrongTransactionIdIsAnIoErrorAndTheLinkRecovers) {
   vxi11sim::Faults f = sim->faults();
   f.wrongXidProc = VXI11_READSTB;
   sim->setFaults(f);
-  ViUInt16 stb = 0;
-  EXPECT_EQ(kvtcp_ReadSTB(r, 1000, &stb), VI_ERROR_IO);
+  EXPECT_EQ(stb(r).first, VI_ERROR_IO);
   EXPECT_EQ(r->LastError, VI_ERROR_IO);
   EXPECT_EQ(r->CoreState, -1);
   EXPECT_TRUE(logged("rpc reply wrong xid"));
   f.wrongXidProc = 0;
   sim->setFaults(f);
   sim->setStatusByte(7);
-  EXPECT_EQ(kvtcp_ReadSTB(r, 1000, &stb), VI_SUCCESS);
-  EXPECT_EQ(stb, 7);
+  EXPECT_EQ(stb(r), std::make_pair(VI_SUCCESS, 7));
   EXPECT_EQ(r->CoreState, 0);
   EXPECT_EQ(r->LastError, 0);
 
@@ -170,8 +156,7 @@ TEST_F(Vxi11Io, TwoTimeoutsInARowLoseTheConnection) {
   for (int proc : {VXI11_READSTB, VXI11_CLEAR}) {
     SCOPED_TRACE(proc);
     KvTcpInfo* r = up(1024, proc, 800);
-    ViUInt16 stb = 0;
-    auto call = [&] { return proc == VXI11_CLEAR ? kvtcp_Clear(r, 50) : kvtcp_ReadSTB(r, 50, &stb); };
+    auto call = [&] { return proc == VXI11_CLEAR ? kvtcp_Clear(r, 50) : stb(r, 50).first; };
     EXPECT_EQ(call(), VI_ERROR_TMO);
     EXPECT_EQ(r->LastError, VI_ERROR_TMO);
     EXPECT_EQ(r->CoreState, proc == VXI11_READSTB ? -1 : 0);  // a clear drains the socket itself
@@ -186,7 +171,7 @@ TEST_F(Vxi11Io, TwoTimeoutsInARowLoseTheConnection) {
     EXPECT_EQ(kvtcp_Write(r, 100, buf, 1, 0, &n), VI_ERROR_CONN_LOST);
     EXPECT_EQ(n, 0);
     EXPECT_EQ(read(r, 1).first, VI_ERROR_CONN_LOST);
-    EXPECT_EQ(kvtcp_ReadSTB(r, 100, &stb), VI_ERROR_CONN_LOST);
+    EXPECT_EQ(stb(r).first, VI_ERROR_CONN_LOST);
     EXPECT_EQ(kvtcp_Clear(r, 100), VI_ERROR_CONN_LOST);
     sim->stop();
   }
@@ -202,9 +187,7 @@ TEST_F(Vxi11Io, TimeoutThenSuccessDoesNotLoseTheConnection) {
   // The late reply is drained before the next call goes out.
   ASSERT_TRUE(waitUntil([&] { return CheckForRecv(r->S_Core, 0) == 1; }));
   sim->setStatusByte(3);
-  ViUInt16 stb = 0;
-  EXPECT_EQ(kvtcp_ReadSTB(r, 1000, &stb), VI_SUCCESS);
-  EXPECT_EQ(stb, 3);
+  EXPECT_EQ(stb(r), std::make_pair(VI_SUCCESS, 3));
   EXPECT_EQ(r->Connected, 1);
   EXPECT_EQ(r->LastError, 0);
 }
