@@ -16,12 +16,12 @@
 
 namespace vx {
 
+using kt::eventually;
 using kt::newRecord;
 constexpr const char* kAddr = "127.0.0.2";
 constexpr const char* kIdn = "KVSIM,VXI11-INSTRUMENT,0,1.0\n";
 using Got = std::pair<int, std::string>;  // a read's status and bytes
 
-inline bool waitUntil(const std::function<bool()>& pred, int ms = 5000) { return kt::eventually(pred, ms); }
 
 inline std::string pattern(size_t n) {
   std::string s;
@@ -51,7 +51,7 @@ struct Rpcbind {
       int fd = kt::connectTo("127.0.0.1", 111);
       return fd >= 0 && close(fd) == 0;
     };
-    if (pid < 0 || !waitUntil(up)) return *why = "rpcbind did not start", false;
+    if (pid < 0 || !eventually(up)) return *why = "rpcbind did not start", false;
     return true;
   }
   ~Rpcbind() {

@@ -29,7 +29,7 @@ class Vxi11Intr : public Vxi11Test {
     EXPECT_NE(r->intr_port, 0);  // the connect waited for the thread's port
     return r;
   }
-  bool threadEnded(KvTcpInfo* r) { return waitUntil([&] { return r->intr_port == 0xFFFF; }, 10000) && !r->S_Intr; }
+  bool threadEnded(KvTcpInfo* r) { return eventually([&] { return r->intr_port == 0xFFFF; }, 10000) && !r->S_Intr; }
 };
 
 TEST_F(Vxi11Intr, ServiceRequestReachesHandlerOnlyWithOurHandle) {
@@ -37,7 +37,7 @@ TEST_F(Vxi11Intr, ServiceRequestReachesHandlerOnlyWithOurHandle) {
   for (int i = 0; i < 20; i++)  // issued while the thread may still be creating the channel
     ASSERT_EQ(stb(r, 2000).first, VI_SUCCESS) << i;
   ASSERT_TRUE(sim->waitForInterruptChannel(5000));
-  ASSERT_TRUE(waitUntil([&] { return r->S_Intr != 0; }));
+  ASSERT_TRUE(eventually([&] { return r->S_Intr != 0; }));
   EXPECT_NE(r->intr_port, 0xFFFF);
   EXPECT_EQ(pcpintf, &cpintf);
   EXPECT_EQ(cpintf.lid, r->lid);
@@ -51,7 +51,7 @@ TEST_F(Vxi11Intr, ServiceRequestReachesHandlerOnlyWithOurHandle) {
   EXPECT_EQ(std::string(r->intr_handle, 40), expect);
 
   ASSERT_EQ(sim->fireSrq(), 1);
-  ASSERT_TRUE(waitUntil([] { return gEvents == 1; }));
+  ASSERT_TRUE(eventually([] { return gEvents == 1; }));
   EXPECT_EQ(gEventRecord, r);
   EXPECT_TRUE(logged("SRQ 127.0.0.2"));
 
@@ -62,12 +62,12 @@ TEST_F(Vxi11Intr, ServiceRequestReachesHandlerOnlyWithOurHandle) {
   ASSERT_EQ(sim->fireSrqWithHandle(other), 1);
   ASSERT_EQ(sim->fireSrqWithHandle(std::string(expect, 0, 8)), 1);  // a shorter, matching prefix
   ASSERT_EQ(sim->fireSrq(), 1);
-  ASSERT_TRUE(waitUntil([] { return gEvents >= 3; }));
+  ASSERT_TRUE(eventually([] { return gEvents >= 3; }));
   EXPECT_EQ(gEvents, 3);
   EXPECT_TRUE(logged("wrong answ srq_repl"));
 
   send(r, "SRQ\n");  // the instrument's own service request (status byte bit 6)
-  ASSERT_TRUE(waitUntil([] { return gEvents == 4; }));
+  ASSERT_TRUE(eventually([] { return gEvents == 4; }));
   auto [st, byte] = stb(r);
   EXPECT_EQ(std::make_pair(st, byte & 0x40), std::make_pair(VI_SUCCESS, 0x40));
 
@@ -110,7 +110,7 @@ TEST_F(Vxi11Intr, ChannelSetUpFailuresEndTheThreadButNotTheConnection) {
 
 TEST_F(Vxi11Intr, PeerClosingTheChannelDoesNotSpinAndDisconnectEndsThread) {
   KvTcpInfo* r = connectWithEvents();
-  ASSERT_TRUE(waitUntil([&] { return r->S_Intr != 0; }));
+  ASSERT_TRUE(eventually([&] { return r->S_Intr != 0; }));
   sim->stop();  // closes the device's end of every channel
   EXPECT_NE(r->intr_port, 0xFFFF);  // still waiting for the record to go down
   kvtcp_Disconnect(r);

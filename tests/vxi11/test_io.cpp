@@ -93,7 +93,7 @@ TEST_F(Vxi11Io, EmptyReadWaitsForOutput) {
   KvTcpInfo* other = connect();
   Got got;
   std::thread reader([&] { got = read(r, 64, 0x0002, 0, 20000); });
-  ASSERT_TRUE(waitUntil([&] {
+  ASSERT_TRUE(eventually([&] {
     auto c = sim->calls();
     return std::count(c.begin(), c.end(), VXI11_READ) == 1;
   }));
@@ -185,7 +185,7 @@ TEST_F(Vxi11Io, TimeoutThenSuccessDoesNotLoseTheConnection) {
   f.lateProc = 0;
   sim->setFaults(f);
   // The late reply is drained before the next call goes out.
-  ASSERT_TRUE(waitUntil([&] { return CheckForRecv(r->S_Core, 0) == 1; }));
+  ASSERT_TRUE(eventually([&] { return CheckForRecv(r->S_Core, 0) == 1; }));
   sim->setStatusByte(3);
   EXPECT_EQ(stb(r), std::make_pair(VI_SUCCESS, 3));
   EXPECT_EQ(r->Connected, 1);
