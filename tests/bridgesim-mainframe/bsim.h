@@ -65,11 +65,11 @@ struct Rig {
     return st({5 | space | width, 1000, addr, v});
   }
   // Word Serial
-  std::vector<uint8_t> wsWrite(unsigned la, const std::string& s, bool end = true) {
-    auto c = words({13u | la << 8 | (end ? 0x02000000u : 0u), 1, uint32_t(s.size())});
+  std::vector<uint8_t> wsWrite(unsigned la, const std::string& s, bridgesim::HostId h = {0x0100007F, 1}) {
+    auto c = words({13u | la << 8 | 0x02000000u, 1, uint32_t(s.size())});  // with END
     c.insert(c.end(), s.begin(), s.end());
     while (c.size() % 4) c.push_back(0);
-    return cmd(c);
+    return cmd(c, h);
   }
   std::vector<uint8_t> wsRead(unsigned la, uint32_t count, uint32_t mods = 0, uint32_t tmo = 1) {
     return cmd({12u | la << 8 | mods, tmo, count});

@@ -1,7 +1,5 @@
-// Command decoding, the lock rule, system commands, interrupts, the
-// resource text and the fault switches, where the driver tests against the
-// simulator do not reach them (malformed commands, other hosts, parallel
-// sessions).
+// Command decoding, the lock rule, system commands, interrupts, the resource
+// text and the fault switches where the driver's tests do not reach them.
 #include <thread>
 
 #include "bsim.h"
@@ -30,9 +28,7 @@ TEST(BridgeLock, FirstHostOwnsTheBridgeUntilItsLastLockingConnectionCloses) {
   EXPECT_EQ(0u, word(r.cmd(words({1, 1000}), a1), 0));
   EXPECT_EQ(0u, word(r.cmd(words({1, 1000}), a2), 0)) << "a second process on the same host";
   EXPECT_EQ(kLocked, word(r.cmd(words({1, 1000}), b), 0));
-  auto other = r.cmd(words({4 | A16 | D16, 0, cfg(0, 0)}), b);
-  EXPECT_EQ(kLocked, word(other, 0));
-  EXPECT_EQ(8u, other.size()) << "a refused read still has the read answer's shape";
+  EXPECT_EQ(words({kLocked, 0}), r.cmd(words({4 | A16 | D16, 0, cfg(0, 0)}), b)) << "a refused read's shape";
   EXPECT_EQ(kLocked, word(r.cmd(words({16, 0}), b), 0));
   r.b.hostDisconnected(b);  // a stranger leaving changes nothing
   r.b.hostDisconnected(a1);
@@ -54,7 +50,7 @@ TEST(BridgeCommands, ResetAndSystemState) {
 
 TEST(BridgeCommands, MalformedCommandsGetNegativeStatusOfTheRightShape) {
   Rig r;
-  EXPECT_EQ(std::vector<uint8_t>(words({kIo})), r.cmd(std::vector<uint8_t>{}));
+  EXPECT_EQ(words({kIo}), r.cmd(std::vector<uint8_t>{}));
   EXPECT_EQ(kIo, word(r.cmd(std::vector<uint8_t>{4, 0, 0}), 0));
   for (uint32_t code : {0u, 9u, 10u, 11u, 18u, 0xFFu}) EXPECT_EQ(kNsup, r.st({code, 0})) << code;
   // truncated records
@@ -91,9 +87,8 @@ TEST(BridgeCommands, TestInterruptFromAnEmptyAddress) {
 TEST(BridgeResources, TextListsEveryDeviceWithEveryKeyTheDriverReads) {
   Rig r;
   auto a = r.cmd({16, 0});
-  ASSERT_GT(a.size(), 4u);
   EXPECT_EQ(0u, word(a, 0));
-  std::string text(a.begin() + 4, a.end());
+  std::string text(a.begin() + std::min<size_t>(4, a.size()), a.end());
   EXPECT_EQ(r.b.resourceText(), text);
   EXPECT_EQ(std::string::npos, text.find('\0'));
   IniText t = parse(text);
@@ -129,9 +124,8 @@ TEST(BridgeFaults, ForcedStatusOnEveryCodeKeepsTheAnswersShape) {
   f.inflateCode = 7;
   r.b.setFaults(f);
   auto inf = r.cmd({7 | A24 | D16 | INC, 0, 0x200000, 3});
-  ASSERT_EQ(0u, word(inf, 0));
-  EXPECT_EQ(4u, word(inf, 1));
-  EXPECT_EQ(8u + 8u + 4u, inf.size()) << "the claimed count's data and the trailer follow";
+  ASSERT_EQ(8u + 8u + 4u, inf.size()) << "the claimed count's data and the trailer follow";
+  EXPECT_EQ(words({0, 4}), std::vector<uint8_t>(inf.begin(), inf.begin() + 8));
 }
 
 TEST(BridgeConcurrency, SessionsWorkInParallelWithoutDisturbingEachOther) {
