@@ -1,6 +1,5 @@
-// The tcpvxi-bridge-sim program: command line, refusal of outside
-// addresses, resource text, a port in use, and a clean stop on SIGTERM with
-// sessions open.
+// The tcpvxi-bridge-sim program: command line, refused addresses, resource
+// text, a port in use, a clean stop on SIGTERM with sessions open.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -39,9 +38,7 @@ Child spawn(std::vector<std::string> args) {
 }
 
 int finish(Child c, std::string* output) {
-  output->clear();
-  char b[4096];
-  for (ssize_t n; (n = read(c.out, b, sizeof b)) > 0;) output->append(b, (size_t)n);  // until the child exits
+  *output = kt::drain(c.out);  // until the child exits
   close(c.out);
   int st = 0;
   waitpid(c.pid, &st, 0);

@@ -1,10 +1,6 @@
 #!/usr/bin/python3
-"""PyVISA with its pure-Python backend (pyvisa-py), a VXI-11 client written
-elsewhere, against the VXI-11 simulator: identity query, status byte, device
-clear and a 1 MiB IEEE 488.2 binary block.
-
-usage: pyvisa_client.py SIMULATOR   (needs port 111: run it isolated)
-"""
+"""PyVISA's pure-Python backend against the VXI-11 simulator: identity, status
+byte, device clear and a 1 MiB binary block.  usage: pyvisa_client.py SIMULATOR (isolated)"""
 import subprocess
 import sys
 

@@ -1,7 +1,5 @@
-// Replies no honest device sends, from a scripted loopback peer: more data
-// than asked for, a reply trickling in byte by byte, an empty reply without
-// a reason, a short create_link reply.  Each must end in a clear status,
-// never in an overflow or a hang.
+// Replies no honest device sends, from a scripted loopback peer: each must end
+// in a clear status, never in an overflow or a hang.
 #include <atomic>
 
 #include "common.h"

@@ -1,7 +1,5 @@
-// The interrupt channel end to end: the thread's CREATE_INTR_CHAN, the
-// device connecting back, enable SRQ handing over the handle, service
-// requests with a matching and a foreign handle, and the set-up failures
-// that end the thread but leave the connection usable.
+// The interrupt channel end to end: channel creation, enable SRQ and its handle,
+// service requests with our own and a foreign handle, set-up failures.
 #include <atomic>
 
 #include "common.h"
@@ -45,7 +43,7 @@ TEST_F(Vxi11Intr, ServiceRequestReachesHandlerOnlyWithOurHandle) {
   uint64_t id = vxi11_InterruptID;
   ASSERT_EQ(kvtcp_vxi11_EnableEvents(r), VI_SUCCESS);
   EXPECT_EQ(vxi11_InterruptID, id + 1);
-  std::string expect(40, '\0');
+  std::string expect(40, '\0');  // the id in host order, then zeros
   memcpy(&expect[0], &id, 8);
   EXPECT_EQ(sim->srqHandle(), expect);
   EXPECT_EQ(std::string(r->intr_handle, 40), expect);

@@ -1,6 +1,5 @@
-// Message I/O, status byte and clear over a VXI-11 link: write chunking,
-// the two read paths, reasons, device errors, a wrong transaction id, and
-// two time-outs in a row becoming a lost connection.
+// Message I/O, status byte and clear over a VXI-11 link: chunking, both read
+// paths, reasons, device errors, wrong transaction ids, time-outs.
 #include "common.h"
 
 using namespace vx;
