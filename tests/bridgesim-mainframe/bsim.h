@@ -3,9 +3,11 @@
 #define TESTS_BSIM_H
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <cstring>
+#include <fstream>
 #include <initializer_list>
 #include <mutex>
 #include <string>
@@ -106,6 +108,14 @@ struct Rig {
   std::vector<std::vector<uint8_t>> reports;
   bridgesim::Bridge b;
 };
+
+// A mainframe description in a temporary file; the process id keeps
+// parallel runs from several build trees apart.
+inline std::string writeIni(const std::string& name, const std::string& body) {
+  std::string path = ::testing::TempDir() + std::to_string(getpid()) + "-" + name;
+  std::ofstream(path) << body;
+  return path;
+}
 
 // Configuration register address of a logical address.
 inline uint32_t cfg(unsigned la, unsigned off) { return 0xC000 + 0x40 * la + off; }

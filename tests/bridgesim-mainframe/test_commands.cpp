@@ -9,17 +9,6 @@
 using namespace bsim;
 using bridgesim::HostId;
 
-namespace {
-
-IniText parse(const std::string& text) {
-  IniText t = Ini_New(1);
-  sLineTextInput src{(const unsigned char*)text.c_str(), 0};
-  Ini_ReadGeneric(t, Ini_LineTextInputFunction, &src);
-  return t;
-}
-
-}  // namespace
-
 TEST(BridgeLock, FirstHostOwnsTheBridgeUntilItsLastLockingConnectionCloses) {
   Rig r;
   HostId a1{0x0100007F, 11}, a2{0x0100007F, 12}, b{0x0200007F, 21};
@@ -91,8 +80,10 @@ TEST(BridgeResources, TextListsEveryDeviceWithEveryKeyTheDriverReads) {
   std::string text(a.begin() + std::min<size_t>(4, a.size()), a.end());
   EXPECT_EQ(r.b.resourceText(), text);
   EXPECT_EQ(std::string::npos, text.find('\0'));
-  IniText t = parse(text);
+  IniText t = Ini_New(1);
   ASSERT_NE(nullptr, t);
+  sLineTextInput src{(const unsigned char*)text.c_str(), 0};
+  Ini_ReadGeneric(t, Ini_LineTextInputFunction, &src);
   int n = 0;
   ASSERT_EQ(1, Ini_GetInt(t, "COMMON", "NumInstr", &n));
   ASSERT_EQ(6, n);

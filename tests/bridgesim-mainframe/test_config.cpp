@@ -1,21 +1,10 @@
 // Mainframes described by INI files.
-#include <unistd.h>
-
-#include <fstream>
-
 #include "bsim.h"
 
 using namespace bsim;
 
 namespace {
 std::string source(const char* rel) { return std::string(KV_SOURCE_DIR) + "/tools/bridge-sim/mainframes/" + rel; }
-
-std::string writeIni(const std::string& name, const std::string& body) {
-  // The process id keeps parallel runs from several build trees apart.
-  std::string path = ::testing::TempDir() + std::to_string(getpid()) + "-" + name;
-  std::ofstream(path) << body;
-  return path;
-}
 
 std::string refusal(const std::string& body) {
   try {

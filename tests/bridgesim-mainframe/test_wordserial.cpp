@@ -1,9 +1,5 @@
 // Word Serial commands 12 to 15 below what the driver shows: protocol register
 // bits, byte transfers, refusals, bus errors, a slow instrument's interrupt.
-#include <cstdio>
-#include <unistd.h>
-
-#include <fstream>
 #include <thread>
 
 #include "bsim.h"
@@ -19,18 +15,12 @@ std::string text(const std::vector<uint8_t>& a) {
   return std::string(a.begin() + 8, a.begin() + 8 + std::min<size_t>(word(a, 1), a.size() - 8));
 }
 
-// A mainframe whose multimeter takes long enough that "not ready yet" is
-// certain right after the query.
-std::string slowMeterIni() {
-  std::string path = ::testing::TempDir() + std::to_string(getpid()) + "-slow-meter.ini";
-  std::ofstream f(path);
-  f << "[Meter]\nLA=7\nCLASS=message\nKIND=dmm\nMEAS_DELAY_MS=400\nREADING=2.5\nIRQ=6\n";
-  return path;
-}
+// A multimeter slow enough that "not ready yet" is certain right after the query.
+const char* kSlowMeter = "[Meter]\nLA=7\nCLASS=message\nKIND=dmm\nMEAS_DELAY_MS=400\nREADING=2.5\nIRQ=6\n";
 }  // namespace
 
 TEST(WordSerial, SlowMeasurementAndTriggeredMeasurementWithItsInterrupt) {
-  Rig r(slowMeterIni());
+  Rig r(writeIni("slow-meter.ini", kSlowMeter));
   EXPECT_EQ(0u, word(r.wsWrite(7, "MEAS:VOLT?\n"), 0));
   EXPECT_EQ(words({kTmo, 0}), r.wsRead(7, 256));
   // while the answer is being made the instrument takes no input (DIR clear)
@@ -103,7 +93,7 @@ TEST(WordSerial, RegisterLevelProtocolThroughDataLow) {
 }
 
 TEST(WordSerial, AnswersWaitingForReadersGoToTheReportsOnlyWhileSessionsLive) {
-  Rig r(slowMeterIni());
+  Rig r(writeIni("slow-meter.ini", kSlowMeter));
   bridgesim::HostId h{0x0100007F, 5};
   r.wsWrite(7, "INIT;*TRG\n", h);
   r.b.hostDisconnected(h);
