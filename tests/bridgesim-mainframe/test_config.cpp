@@ -33,11 +33,9 @@ TEST(MainframeIni, DefaultFileDescribesTheBuiltInMainframe) {
 TEST(MainframeIni, SecondExampleWithFixedWindowsAndAFailedDevice) {
   Rig r(source("example-2.ini"));
   std::string t = r.b.resourceText();
-  EXPECT_NE(std::string::npos, t.find("NumInstr=5\n"));
-  EXPECT_NE(std::string::npos, t.find("INTF_NUM=2\nRSRC_NAME=VXI1::3::INSTR\n"));
-  EXPECT_NE(std::string::npos, t.find("VXI_LA=64\n"));
-  EXPECT_NE(std::string::npos, t.find("offsetA24=4194304\nsizeA24=65536\n"));
-  EXPECT_NE(std::string::npos, t.find("offsetA32=1073741824\nsizeA32=524288\n"));
+  for (const char* line : {"NumInstr=5\n", "INTF_NUM=2\nRSRC_NAME=VXI1::3::INSTR\n", "VXI_LA=64\n",
+                           "offsetA24=4194304\nsizeA24=65536\n", "offsetA32=1073741824\nsizeA32=524288\n"})
+    EXPECT_NE(std::string::npos, t.find(line)) << line;
   EXPECT_EQ(words({0, 3}), r.cmd({3, 0})) << "SYSFAIL from the device that failed its self-test";
   auto [st, status] = r.read(A16, D16, cfg(65, 4));
   EXPECT_EQ(Read(0, 0), Read(st, status & 0x0004)) << "Passed clear";

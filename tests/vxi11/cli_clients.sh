@@ -20,12 +20,11 @@ check() {  # check EXPECTED-REGEX COMMAND...
   shift
   got=$(timeout 20 "$@" 2>&1)
   rc=$?
-  if [ $rc -ne 0 ] || ! printf '%s\n' "$got" | grep -Eq "$want"; then
-    echo "FAIL: $* (exit $rc), wanted /$want/, got:" | head -1
-    printf '%s\n' "$got"
-    fail=1
-  else
+  if [ $rc -eq 0 ] && printf '%s\n' "$got" | grep -Eq "$want"; then
     echo "ok: $*" | head -1
+  else
+    printf 'FAIL: %s (exit %d), wanted /%s/, got:\n%s\n' "$(echo "$*" | head -1)" $rc "$want" "$got"
+    fail=1
   fi
 }
 

@@ -39,9 +39,9 @@ inline std::string block(size_t n) {
 // under a fresh /run).
 struct Rpcbind {
   pid_t pid = -1;
-  bool start(std::string* why) {
-    if (access("/usr/sbin/rpcbind", X_OK) != 0) return *why = "rpcbind is not installed", false;
-    if (mount("kvrun", "/run", "tmpfs", 0, "mode=755") != 0) return *why = "cannot mount a private /run", false;
+  std::string start() {  // empty when it runs, else why not
+    if (access("/usr/sbin/rpcbind", X_OK) != 0) return "rpcbind is not installed";
+    if (mount("kvrun", "/run", "tmpfs", 0, "mode=755") != 0) return "cannot mount a private /run";
     mkdir("/run/rpcbind", 0755);
     if ((pid = fork()) == 0) {
       execl("/usr/sbin/rpcbind", "rpcbind", "-f", (char*)nullptr);
@@ -51,8 +51,7 @@ struct Rpcbind {
       int fd = kt::connectTo("127.0.0.1", 111);
       return fd >= 0 && close(fd) == 0;
     };
-    if (pid < 0 || !eventually(up)) return *why = "rpcbind did not start", false;
-    return true;
+    return pid > 0 && eventually(up) ? "" : "rpcbind did not start";
   }
   ~Rpcbind() {
     if (pid > 0) kill(pid, SIGTERM), waitpid(pid, nullptr, 0);
@@ -127,7 +126,7 @@ class Vxi11Test : public ::testing::Test {
     int st = kvtcp_ReadSTB(r, tmo, &b);
     return {st, b};
   }
-  bool logged(const std::string& text) { return log->has(text); }
+  bool logged(const std::string& text) { return kt::LogCapture::has(text); }
 
   std::unique_ptr<vxi11sim::Simulator> sim;
   std::vector<KvTcpInfo*> opened;
