@@ -42,8 +42,17 @@ TEST(WordSerial, SlowMeasurementAndTriggeredMeasurementWithItsInterrupt) {
   EXPECT_EQ(decltype(rep){words({1, 1, 6, 0xFD07})}, rep);
 }
 
-TEST(WordSerial, ProtocolBitsByteTransfersRefusalsAndBusErrors) {
+TEST(WordSerial, RegisterLevelProtocolByteTransfersRefusalsAndBusErrors) {
   Rig r;
+  // what a commander does without the bridge: poll WR, write Data Low, poll RR, read Data Low
+  ASSERT_TRUE(r.read(A16, D16, cfg(kDmm, 0x0A)).second & 0x0200) << "WR";
+  EXPECT_EQ(0u, r.write(A16, D16, cfg(kDmm, 0x0E), 0xCFFF));
+  ASSERT_TRUE(r.read(A16, D16, cfg(kDmm, 0x0A)).second & 0x0400) << "RR";
+  EXPECT_EQ(Read(0, 0xFF00), r.read(A16, D16, cfg(kDmm, 0x0E)));
+  EXPECT_EQ(kBerr, r.read(A16, D16, cfg(kDmm, 0x0E)).first) << "no response waiting";
+  // a longword command as one 32-bit write of Data High and Data Low
+  EXPECT_EQ(0u, r.write(A16, D32, cfg(kDmm, 0x0C), 0x0001CFFF));
+  EXPECT_EQ(Read(0, 0x0001FF00), r.read(A16, D32, cfg(kDmm, 0x0C)));
   r.wsWrite(kDmm, "*IDN?\n");
   // a command sent alone leaves its response waiting (RR)
   EXPECT_EQ(0u, word(r.wsCmd(kDmm, kSend16, 0xDFFF), 0));
@@ -77,19 +86,6 @@ TEST(WordSerial, ProtocolBitsByteTransfersRefusalsAndBusErrors) {
   EXPECT_EQ(kBerr, word(r.wsRead(99, 10), 0));
   EXPECT_EQ(kBerr, word(r.wsWrite(99, "*IDN?\n"), 0));
   EXPECT_EQ(kBerr, r.st({15 | 99 << 8, 1, 0x1200}));
-}
-
-TEST(WordSerial, RegisterLevelProtocolThroughDataLow) {
-  Rig r;
-  // what a commander does without the bridge: poll WR, write Data Low, poll RR, read Data Low
-  ASSERT_TRUE(r.read(A16, D16, cfg(kDmm, 0x0A)).second & 0x0200) << "WR";
-  EXPECT_EQ(0u, r.write(A16, D16, cfg(kDmm, 0x0E), 0xCFFF));
-  ASSERT_TRUE(r.read(A16, D16, cfg(kDmm, 0x0A)).second & 0x0400) << "RR";
-  EXPECT_EQ(Read(0, 0xFF00), r.read(A16, D16, cfg(kDmm, 0x0E)));
-  EXPECT_EQ(kBerr, r.read(A16, D16, cfg(kDmm, 0x0E)).first) << "no response waiting";
-  // a longword command as one 32-bit write of Data High and Data Low
-  EXPECT_EQ(0u, r.write(A16, D32, cfg(kDmm, 0x0C), 0x0001CFFF));
-  EXPECT_EQ(Read(0, 0x0001FF00), r.read(A16, D32, cfg(kDmm, 0x0C)));
 }
 
 TEST(WordSerial, AnswersWaitingForReadersGoToTheReportsOnlyWhileSessionsLive) {

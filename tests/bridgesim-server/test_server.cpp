@@ -55,7 +55,7 @@ TEST_F(SimServer, SessionSetUpAndClosingTheSyncChannel) {
   EXPECT_TRUE(a.async.closedByPeer());
 }
 
-TEST_F(SimServer, InstrumentAnswersWithTheRequestIdAndRaisesServiceRequests) {
+TEST_F(SimServer, InstrumentAnswersRaisesServiceRequestsAndIsCleared) {
   Session s = open();
   EXPECT_EQ(answer(s.query("*IDN?\n")), std::make_tuple(7, 0xFFFFFF00u, kIdn));
   EXPECT_EQ(answer(s.query("*OPC?;*STB?\n")), std::make_tuple(7, 0xFFFFFF02u, "1;0\n"));
@@ -67,6 +67,13 @@ TEST_F(SimServer, InstrumentAnswersWithTheRequestIdAndRaisesServiceRequests) {
   ASSERT_TRUE(s.sync.send(7, 0, 0, "*SRE 4\n"));
   ASSERT_TRUE(s.sync.send(7, 0, 2, "NOSUCH\n"));
   EXPECT_EQ(typeCode(s.async.recv()), std::make_pair(20, 0x44)) << "RQS and the error-queue bit";
+
+  // A device clear drops pending input and negotiates the mode.
+  ASSERT_TRUE(s.sync.send(6, 0, 0, "*IDN"));  // partial message
+  EXPECT_EQ(typeCode(s.async.ask(19, 0)), std::make_pair(23, 1));  // overlapped mode offered
+  ASSERT_TRUE(s.sync.send(7, 0, 0, "?\n"));                          // thrown away: clear in progress
+  EXPECT_EQ(typeCode(s.sync.ask(8, 0)), std::make_pair(9, 0)) << "the client asked for synchronized mode";
+  EXPECT_EQ(s.query("*OPC?\n").data, "1\n") << "nothing of the cleared message may answer";
 }
 
 TEST_F(SimServer, BridgeCommandsAreAnsweredAsOnePaddedVendorMessage) {
@@ -92,15 +99,6 @@ TEST_F(SimServer, BridgeCommandsAreAnsweredAsOnePaddedVendorMessage) {
   got = server->receivedCommands();
   ASSERT_EQ(got.size(), 3u);
   EXPECT_EQ(word(std::string(got[0].begin(), got[0].end()), 1), 2u);
-}
-
-TEST_F(SimServer, DeviceClearDropsPendingInputAndNegotiatesTheMode) {
-  Session s = open();
-  ASSERT_TRUE(s.sync.send(6, 0, 0, "*IDN"));  // partial message
-  EXPECT_EQ(typeCode(s.async.ask(19, 0)), std::make_pair(23, 1));  // overlapped mode offered
-  ASSERT_TRUE(s.sync.send(7, 0, 0, "?\n"));                          // thrown away: clear in progress
-  EXPECT_EQ(typeCode(s.sync.ask(8, 0)), std::make_pair(9, 0)) << "the client asked for synchronized mode";
-  EXPECT_EQ(s.query("*OPC?\n").data, "1\n") << "nothing of the cleared message may answer";
 }
 
 TEST_F(SimServer, UnsolicitedMessagesReachEverySession) {

@@ -8,10 +8,6 @@ using namespace vx;
 
 namespace {
 
-void putBe(std::string& s, uint32_t v) {
-  for (int i = 3; i >= 0; --i) s += (char)(v >> (8 * i));
-}
-
 // One connection on 127.0.0.5; every call record is answered with the same
 // reply (accepted, success, then `words` and `dataBytes` of 'z' padded to a
 // word), sent in pieces of `piece` bytes.
@@ -33,10 +29,10 @@ class ScriptedPeer {
 
  private:
   std::string reply(const std::string& xid) {
-    std::string s(4, '\0');
-    s += xid;
-    for (uint32_t w : {1u, 0u, 0u, 0u, 0u}) putBe(s, w);
-    for (uint32_t w : words_) putBe(s, w);
+    std::vector<uint32_t> w = {0, 0, htonl(1), 0, 0, 0, 0};  // mark, xid, reply, accepted, no verifier, success
+    for (uint32_t x : words_) w.push_back(htonl(x));
+    std::string s((const char*)w.data(), 4 * w.size());
+    s.replace(4, 4, xid);
     s.append((dataBytes_ + 3) & ~(size_t)3, 'z');
     uint32_t mark = htonl(0x80000000u | (uint32_t)(s.size() - 4));
     memcpy(&s[0], &mark, 4);

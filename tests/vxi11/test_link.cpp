@@ -10,10 +10,8 @@ TEST_F(Vxi11Test, ConnectDisconnectAndConnectAgain) {
   startSim();
   KvTcpInfo* r = connect();
   ASSERT_EQ(r->Connected, 1);
-  EXPECT_EQ(r->tcpType, KVTCP_VXI11);
-  EXPECT_EQ(r->port, sim->corePort());
-  EXPECT_STREQ(r->InstName, "inst0");
-  EXPECT_EQ(r->maxRecvSize, 1024u);
+  EXPECT_EQ(std::make_tuple(r->tcpType, int(r->port), std::string(r->InstName), r->maxRecvSize),
+            std::make_tuple(KVTCP_VXI11, int(sim->corePort()), "inst0", 1024u));
   EXPECT_NE(r->S_Abort, 0);
   EXPECT_EQ(sim->links(), std::vector<int32_t>{(int32_t)r->lid});
   EXPECT_EQ(sim->deviceNames(), std::vector<std::string>{"inst0"});
