@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <algorithm>
 #include <cstring>
 #include <fstream>
 #include <initializer_list>
@@ -39,6 +40,12 @@ inline uint32_t word(const std::vector<uint8_t>& a, size_t i) {
   uint32_t x;
   std::memcpy(&x, a.data() + 4 * i, 4);
   return x;
+}
+
+// The text of a Word Serial read answer (status, count, bytes).
+inline std::string text(const std::vector<uint8_t>& a) {
+  if (a.size() < 8) return "<short>";
+  return std::string(a.begin() + 8, a.begin() + 8 + std::min<size_t>(word(a, 1), a.size() - 8));
 }
 
 // A single read's status and value, compared as one.
@@ -86,20 +93,16 @@ struct Rig {
     return {};
   }
   std::string query(unsigned la, const std::string& q) {
-    auto w = wsWrite(la, q);
-    EXPECT_EQ(0u, word(w, 0));
+    EXPECT_EQ(0u, word(wsWrite(la, q), 0));
     auto a = wsReadReady(la, 256);
-    if (word(a, 0) & 0x80000000u) return "<error>";
-    return std::string(a.begin() + 8, a.begin() + 8 + word(a, 1));
+    return word(a, 0) & 0x80000000u ? "<error>" : text(a);
   }
   std::vector<uint8_t> wsCmd(unsigned la, uint32_t mods, uint32_t command, uint32_t tmo = 1) {
     return cmd({14u | la << 8 | mods, tmo, command});
   }
   std::vector<std::vector<uint8_t>> takeReports() {
     std::lock_guard<std::mutex> g(m);
-    auto r = reports;
-    reports.clear();
-    return r;
+    return std::exchange(reports, {});
   }
 
   // Declared before the bridge: its timer thread may report until the

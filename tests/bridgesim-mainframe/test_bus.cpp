@@ -43,8 +43,7 @@ TEST(BridgeRegisters, NothingDecodedOrMisalignedIsABusError) {
   EXPECT_EQ(Read(0, 1), r.read(A24, D16, 0x800002)) << "the digitizer's memory is a ramp of 16-bit words";
 }
 
-// The driver's round trips check the data; the answer's layout is checked
-// here: data padded to a multiple of 4, then the trailer.
+// The answer's layout (the driver's round trips check the data): data padded to 4, then the trailer.
 TEST(BridgeBlocks, PaddingTrailerAndTheFifosPartialEnd) {
   Rig r;
   const uint32_t base = 0x20000000;

@@ -62,17 +62,15 @@ TEST(BridgeCommands, MalformedCommandsGetNegativeStatusOfTheRightShape) {
   EXPECT_EQ(kNsup, r.st({14 | 16 << 8 | 0x0C000000, 1, 0xFFFF}));
 }
 
-// The end-to-end tests raise interrupts from known devices; an address
-// nobody holds falls back to line 1 with the status/ID passed whole.
+// An address nobody holds falls back to line 1 with the status/ID passed whole.
 TEST(BridgeCommands, TestInterruptFromAnEmptyAddress) {
   Rig r;
   EXPECT_EQ(words({0}), r.cmd({17, 0, 0x12345677}));
   EXPECT_EQ(std::vector<std::vector<uint8_t>>{words({1, 1, 1, 0x12345677})}, r.takeReports());
 }
 
-// The driver reads these keys without checking that they are there (a
-// missing one silently carries the previous value over), so every section
-// must hold every one of them.
+// The driver reads these keys without checking that they are there (a missing
+// one silently keeps the previous value), so every section must hold them all.
 TEST(BridgeResources, TextListsEveryDeviceWithEveryKeyTheDriverReads) {
   Rig r;
   auto a = r.cmd({16, 0});
@@ -101,8 +99,7 @@ TEST(BridgeResources, TextListsEveryDeviceWithEveryKeyTheDriverReads) {
   Ini_Dispose(t);
 }
 
-// The switches the end-to-end tests do not use: every code at once, and the
-// shape of a forced block-read answer.
+// Switches the end-to-end tests do not use: every code at once, a forced block read's shape.
 TEST(BridgeFaults, ForcedStatusOnEveryCodeKeepsTheAnswersShape) {
   Rig r;
   bridgesim::CommandFaults f;

@@ -10,11 +10,6 @@ namespace {
 constexpr unsigned kDmm = 16, kSwitch = 32;
 constexpr uint32_t kSend16 = 0x04000000, kSend32 = 0x08000000, kRead16 = 0x10000000, kRead32 = 0x20000000;
 
-std::string text(const std::vector<uint8_t>& a) {
-  if (a.size() < 8) return "<short>";
-  return std::string(a.begin() + 8, a.begin() + 8 + std::min<size_t>(word(a, 1), a.size() - 8));
-}
-
 // A multimeter slow enough that "not ready yet" is certain right after the query.
 const char* kSlowMeter = "[Meter]\nLA=7\nCLASS=message\nKIND=dmm\nMEAS_DELAY_MS=400\nREADING=2.5\nIRQ=6\n";
 }  // namespace

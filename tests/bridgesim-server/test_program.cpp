@@ -70,11 +70,9 @@ TEST(Program, CommandLine) {
   holder.start();
   EXPECT_EQ(run({"--address", "127.0.0.5"}, &out), 1);
   EXPECT_NE(out.find("in use"), std::string::npos) << out;
-  bridgesim::Server second(o);  // the same through the API
-  EXPECT_THROW(second.start(), std::runtime_error);
+  EXPECT_THROW(bridgesim::Server(o).start(), std::runtime_error);  // the same through the API
   o.address = "not-an-address";
-  bridgesim::Server third(o);
-  EXPECT_THROW(third.start(), std::runtime_error);
+  EXPECT_THROW(bridgesim::Server(o).start(), std::runtime_error);
   EXPECT_TRUE(bridgesim::isLoopbackAddress("127.1.2.3"));
   EXPECT_FALSE(bridgesim::isLoopbackAddress("10.0.0.1"));
   EXPECT_FALSE(bridgesim::isLoopbackAddress("localhost"));

@@ -109,7 +109,8 @@ TEST_F(SimServer, UnsolicitedMessagesReachEverySession) {
   server->bridge().broadcastAsync({1, 0, 0, 0, 1, 0, 0, 0, 5, 0, 0, 0, 0x42, 0, 0, 0});
   for (Session* s : {&a, &b}) {
     EXPECT_EQ(typeCode(s->async.recv()), std::make_pair(20, 0x40));
-    for (const std::string& body : {std::string("\1\2\3\4\5\6\7\x08"), words({1, 1, 3, 0xFF18}), words({1, 1, 5, 0x42})})
+    for (const std::string& body :
+         {std::string("\1\2\3\4\5\6\7\x08"), words({1, 1, 3, 0xFF18}), words({1, 1, 5, 0x42})})
       EXPECT_EQ(answer(s->async.recv()), std::make_tuple(128, 0u, body));
   }
 }
@@ -173,8 +174,7 @@ TEST_F(SimServer, MalformedMessagesGetErrorAndTheSessionGoesOnUnlessTheLengthIsA
   EXPECT_TRUE(eventually([&] { return server->sessionCount() == 0; }));
 }
 
-// What the client cannot see: which faults last and which are one-shot, and
-// exactly what goes out on the wire.
+// What the client cannot see: which faults last, which are one-shot, what goes out on the wire.
 TEST_F(SimServer, FaultsOnTheWire) {
   Session s = open();
   server->updateFaults([](bridgesim::HislipFaults& f) { f.answerDelayMs = 300; });
