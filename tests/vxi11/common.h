@@ -22,7 +22,6 @@ constexpr const char* kAddr = "127.0.0.2";
 constexpr const char* kIdn = "KVSIM,VXI11-INSTRUMENT,0,1.0\n";
 using Got = std::pair<int, std::string>;  // a read's status and bytes
 
-
 inline std::string pattern(size_t n) {
   std::string s;
   for (size_t i = 0; i < n; i++) s += (char)('A' + i % 26);
