@@ -8,7 +8,7 @@ namespace {
 
 class Vxi11Io : public Vxi11Test {
  protected:
-  // What a failed call leaves in the record: last error, core state, connected.
+  // The record's error state after a call: last error, core state, connected.
   static std::tuple<int, int, int> after(const KvTcpInfo* r) { return {r->LastError, r->CoreState, r->Connected}; }
   KvTcpInfo* up(uint32_t maxRecv = 1024, int lateProc = 0, uint32_t lateMs = 0) {
     vxi11sim::Faults f;
