@@ -1,7 +1,8 @@
-// Shared by the fuzz targets that drive the transport over a socket pair.
+// Shared by the fuzz targets that drive the transport over socket pairs.
 #pragma once
 
 #include <semaphore.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -66,5 +67,24 @@ inline bool feed(int fd, const void* data, size_t n) {
   }
   return true;
 }
+
+// One channel of a connection: `near` goes into the record, the target plays
+// the peer on `far`.  Whatever end is still open closes with the object.
+struct Channel {
+  int near = -1, far = -1;
+  Channel() {
+    int sv[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM, 0, sv) != 0) return;
+    near = sv[0];
+    far = sv[1];
+  }
+  ~Channel() {
+    if (near >= 0) close(near);
+    if (far >= 0) close(far);
+  }
+  Channel(const Channel&) = delete;
+  Channel& operator=(const Channel&) = delete;
+  bool ok() const { return near >= 0; }
+};
 
 }  // namespace fuzzkit

@@ -13,7 +13,6 @@
 #include <string.h>
 #include <unistd.h>
 
-#include <string>
 #include <vector>
 
 #include "bridge.h"
@@ -49,26 +48,19 @@ const char kMainframe[] =
     "IDN=Simulated,VXI Switch 64ch,SIM1032,1.0\n"
     "[Memory]\nLA=40\nSLOT=6\nCLASS=memory\nKIND=memory\nMANF_ID=0xFFB\nMODEL_CODE=0x640\nSPACE=A32\nM=8\n";
 
-std::string mainframePath;
-
-void removeMainframeFile() {
-  if (!mainframePath.empty()) unlink(mainframePath.c_str());
-}
-
 // Written once per process to a file of its own, removed at exit.
-const std::string& mainframeFile() {
-  if (!mainframePath.empty()) return mainframePath;
-  char name[] = "/tmp/fuzz-mainframe-XXXXXX";
-  int fd = mkstemp(name);
-  if (fd < 0 || write(fd, kMainframe, sizeof kMainframe - 1) != (ssize_t)(sizeof kMainframe - 1)) {
-    perror("fuzz mainframe file");
-    abort();
+struct MainframeFile {
+  char path[32] = "/tmp/fuzz-mainframe-XXXXXX";
+  MainframeFile() {
+    int fd = mkstemp(path);
+    if (fd < 0 || write(fd, kMainframe, sizeof kMainframe - 1) != (ssize_t)(sizeof kMainframe - 1)) {
+      perror("fuzz mainframe file");
+      abort();
+    }
+    close(fd);
   }
-  close(fd);
-  mainframePath = name;
-  atexit(removeMainframeFile);
-  return mainframePath;
-}
+  ~MainframeFile() { unlink(path); }
+};
 
 [[noreturn]] void fail(const char* what, size_t n) {
   fprintf(stderr, "bridge simulator: %s (%zu bytes)\n", what, n);
@@ -82,20 +74,14 @@ uint32_t le32(const uint8_t* p) { return uint32_t(p[0]) | uint32_t(p[1]) << 8 | 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // A new bridge per input: every run starts from the power-on state, so a
   // finding replays from its input alone.
-  bridgesim::Bridge bridge(mainframeFile());
-  size_t reports = 0;
+  static const MainframeFile mainframe;
+  bridgesim::Bridge bridge(mainframe.path);
   bridge.broadcastAsync = [&](const std::vector<uint8_t>& body) {
     if (body.size() < 8 || body.size() > kMaxReport || body.size() % 8 != 0) fail("malformed interrupt report", body.size());
     if (le32(body.data()) != 1 || 8 + 8 * size_t(le32(body.data() + 4)) != body.size())
       fail("interrupt report head does not match its size", body.size());
-    ++reports;
   };
-
-  bridgesim::HostId hosts[2];
-  hosts[0].ipv4 = 0x0100007F;  // 127.0.0.1
-  hosts[0].connectionId = 1;
-  hosts[1].ipv4 = 0x0200007F;  // 127.0.0.2
-  hosts[1].connectionId = 2;
+  const bridgesim::HostId hosts[2] = {{0x0100007F, 1}, {0x0200007F, 2}};  // 127.0.0.1 and 127.0.0.2
 
   std::vector<uint8_t> cmd;
   size_t pos = 0;
@@ -108,24 +94,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // A copy of exactly len bytes, so a read past the payload is caught.
     cmd.assign(data + pos, data + pos + len);
     pos += len;
-    if (cmd.size() >= 8) {
-      uint32_t code = le32(cmd.data()) & 0xFF;
-      if (code >= 12 && code <= 15 && le32(cmd.data() + 4) > kMaxWsTmo) {
-        uint32_t t = le32(cmd.data() + 4) & kMaxWsTmo;
-        memcpy(cmd.data() + 4, &t, 4);
-      }
+    uint32_t code = cmd.size() >= 4 ? le32(cmd.data()) & 0xFF : 0;
+    if (code >= 12 && code <= 15 && cmd.size() >= 8 && le32(cmd.data() + 4) > kMaxWsTmo) {
+      uint32_t t = le32(cmd.data() + 4) & kMaxWsTmo;
+      memcpy(cmd.data() + 4, &t, 4);
     }
     const bridgesim::HostId& host = hosts[flags & 1];
     std::vector<uint8_t> answer = bridge.handleCommand(host, cmd.empty() ? nullptr : cmd.data(), cmd.size());
     if (answer.size() > kMaxAnswer) fail("answer larger than one block chunk", answer.size());
-    if (answer.size() % 4 != 0 && !(cmd.size() >= 4 && (le32(cmd.data()) & 0xFF) == 16) &&
-        !(cmd.size() >= 4 && (le32(cmd.data()) & 0xFF) == 12))
-      fail("answer not made of whole words", answer.size());
+    // Word Serial reads (12) and the resource text (16) answer in bytes.
+    if (answer.size() % 4 != 0 && code != 12 && code != 16) fail("answer not made of whole words", answer.size());
     if (flags & 2) bridge.hostDisconnected(host);
     ++commands;
   }
   bridge.hostDisconnected(hosts[0]);
   bridge.hostDisconnected(hosts[1]);
-  (void)reports;
   return 0;
 }
