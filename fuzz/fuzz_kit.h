@@ -16,14 +16,9 @@ namespace fuzzkit {
 inline HANDLE intfMutex = nullptr;
 inline char intfMutexName[sizeof(KvTcpInfo{}.intfMutexName)];
 
-inline void closeMutexAtExit() {
-  if (intfMutex && intfMutex != (HANDLE)SEM_FAILED) sem_close((sem_t*)intfMutex);
-  intfMutex = nullptr;
-}
-
 // The interface lock only needs an open handle.  One per process, with a
-// name of its own; the name is removed at once (the handle stays valid), so
-// a crashed run leaves nothing behind.
+// name of its own; the name is removed at once (the handle stays valid until
+// the process ends), so a crashed run leaves nothing behind.
 inline void openMutexOnce(const char* prefix) {
   if (intfMutex) return;
   char base[64];
@@ -38,7 +33,6 @@ inline void openMutexOnce(const char* prefix) {
   intfMutex = tmp.hIntfMutex;
   memcpy(intfMutexName, tmp.intfMutexName, sizeof intfMutexName);
   sem_unlink(intfMutexName);
-  atexit(closeMutexAtExit);
 }
 
 // A HiSLIP record as a fresh connection leaves it, sharing the process's mutex.

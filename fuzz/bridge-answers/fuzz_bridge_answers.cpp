@@ -38,7 +38,6 @@ ssize_t recvEofAsReset(int s, void* buf, size_t len, int flags) {
 void resetDriver(uint8_t ctrl) {
   memset(&block, 0, sizeof block);
   tcpvxiGD = &block;
-  block.NIntf = 0;
   SHAREDINTFINFO* g = &block.Intf[0];
   g->NInstr = 4;
   for (int i = 0; i < 4; i++) {

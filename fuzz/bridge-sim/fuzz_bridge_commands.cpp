@@ -19,15 +19,13 @@
 
 namespace {
 
-// Word Serial commands (codes 12 to 15) wait for their instrument for as
-// long as the command's time-out word says (up to ten seconds).  The target
-// caps that word at one millisecond so that an input costs microseconds,
-// not seconds; the waiting itself is the same code either way.
+// Word Serial commands (codes 12 to 15) wait for their instrument as long as
+// their time-out word says (up to ten seconds): capped here at 1 ms, the same
+// waiting code costs microseconds.
 constexpr uint32_t kMaxWsTmo = 1;
 
-// Largest answer the bridge may produce: one block-read chunk of 65520
-// bytes with its 8-byte head and 4-byte trailer (one element more when the
-// bridge inflates its count on purpose, which is off here).
+// Largest answer: one block-read chunk of 65520 bytes with its 8-byte head
+// and 4-byte trailer (count inflation, which adds an element, is off here).
 constexpr size_t kMaxAnswer = 8 + 65520 + 4;
 // An interrupt report carries at most 32 pairs.
 constexpr size_t kMaxReport = 8 + 32 * 8;

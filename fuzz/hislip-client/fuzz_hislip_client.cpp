@@ -26,14 +26,8 @@ void drain(int fd) {
   }
 }
 
-unsigned char lastAsyncType;
-char lastAsyncByte;
-
-// Touches the stored body the way a handler would.
-void onAsync(pKvTcpInfo intf) {
-  lastAsyncType = intf->hislipAsyncInMsg;
-  lastAsyncByte = intf->hislipAsyncCmdData[KVTCP_ASYNC_DATA - 1];
-}
+// Installed so that the receive thread takes its event-delivery path.
+void onAsync(pKvTcpInfo) {}
 
 // True when the ring holds an answer of this type.
 bool haveAsync(unsigned char type) {

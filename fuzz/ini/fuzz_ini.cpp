@@ -44,12 +44,10 @@ void ExerciseDocument(IniText doc) {
     for (int i = 1; i <= items; ++i) {
       char* name = nullptr;
       if (Ini_NthItemName(doc, sec, i, &name) != 1) continue;
-      int iv;
+      int iv, bv;
       unsigned uv;
       double dv;
-      int bv;
-      char* p;
-      char buf[64];
+      char *p, buf[64];
       Ini_GetInt(doc, sec, name, &iv);
       Ini_GetUInt(doc, sec, name, &uv);
       Ini_GetDouble(doc, sec, name, &dv);
