@@ -109,9 +109,8 @@ void resourceText(INTFINFO* intf, uint32_t a) {
     vintfGetNumRsrc(0, &n);
     // Every instrument and the record behind the last one, every attribute,
     // into a buffer that holds the largest string field exactly.
-    for (ViUInt32 i = 0; i <= (ViUInt32)g->NInstr && i < TCPVXI_MAX_INSTR; i++) {
+    for (ViUInt32 i = 0; i <= (ViUInt32)g->NInstr && i < TCPVXI_MAX_INSTR; i++)
       for (ViAttr id : kAttrs) vintfGetRsrcAttr(0, i, id, exact(64 + 1).data());
-    }
   }
 }
 

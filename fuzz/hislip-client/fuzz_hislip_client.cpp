@@ -66,8 +66,8 @@ void runAsync(const uint8_t* p, size_t n) {
   rec.Connected = 1;
 }
 
-// A read's count against its buffer (answers of up to 3 bytes may go into
-// none: they are taken as words).
+// A read's count against its buffer; up to 3 is fine whatever the buffer:
+// a vendor-specific answer's padding count replaces the read's, as designed.
 void checkCount(const char* what, int st, int got, int count) {
   if (st >= 0 && (got < 0 || got > (count > 3 ? count : 3))) {
     fprintf(stderr, "%s reported %d bytes for a buffer of %d\n", what, got, count);
