@@ -13,6 +13,9 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <fstream>
+#include <iterator>
+#include <string>
 #include <vector>
 
 #include "bridge.h"
@@ -30,28 +33,18 @@ constexpr size_t kMaxAnswer = 8 + 65520 + 4;
 // An interrupt report carries at most 32 pairs.
 constexpr size_t kMaxReport = 8 + 32 * 8;
 
-// The built-in mainframe, but with a short digitizer FIFO: filling the
-// default 4096 samples on every power-on would take most of each run.
-const char kMainframe[] =
-    "[MAINFRAME]\nNAME=fuzz\nINTF_NUM=1\nBOARD=0\n"
-    "[Controller]\nLA=0\nSLOT=0\nCLASS=message\nKIND=controller\nMANF_ID=0xFFB\nMODEL_CODE=0x001\n"
-    "IDN=Simulated,LAN-VXI Bridge,SIM0001,1.0\n"
-    "[Digitizer]\nLA=8\nSLOT=2\nCLASS=register\nKIND=digitizer\nMANF_ID=0xFFB\nMODEL_CODE=0x210\n"
-    "SPACE=A24\nM=5\nIRQ=2\nFIFO=0x20\nFIFO_SAMPLES=16\nMEMORY=ramp\n"
-    "[Multimeter]\nLA=16\nSLOT=3\nCLASS=message\nKIND=dmm\nMANF_ID=0xFFB\nMODEL_CODE=0x310\nIRQ=1\n"
-    "IDN=Simulated,VXI Multimeter 6.5,SIM1016,2.1\nLONGWORD=1\nREADING=1.2345\n"
-    "[Counter]\nLA=24\nSLOT=4\nCLASS=message\nKIND=counter\nMANF_ID=0xFFB\nMODEL_CODE=0x420\nSPACE=A32\n"
-    "M=15\nIRQ=3\nIDN=Simulated,VXI Counter 225MHz,SIM1024,1.3\nREADING=10000000\n"
-    "[Switch]\nLA=32\nSLOT=5\nCLASS=message\nKIND=switch\nMANF_ID=0xFFB\nMODEL_CODE=0x530\n"
-    "IDN=Simulated,VXI Switch 64ch,SIM1032,1.0\n"
-    "[Memory]\nLA=40\nSLOT=6\nCLASS=memory\nKIND=memory\nMANF_ID=0xFFB\nMODEL_CODE=0x640\nSPACE=A32\nM=8\n";
-
+// The simulator's default mainframe file with a short digitizer FIFO:
+// refilling 4096 samples on every power-on would take most of each run.
 // Written once per process to a file of its own, removed at exit.
 struct MainframeFile {
   char path[32] = "/tmp/fuzz-mainframe-XXXXXX";
   MainframeFile() {
-    int fd = mkstemp(path);
-    if (fd < 0 || write(fd, kMainframe, sizeof kMainframe - 1) != (ssize_t)(sizeof kMainframe - 1)) {
+    std::ifstream in(KV_SOURCE_DIR "/tools/bridge-sim/mainframes/default.ini");
+    std::string text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    size_t at = text.find("FIFO_SAMPLES=4096");
+    int fd = at == std::string::npos ? -1 : mkstemp(path);
+    if (fd >= 0) text.replace(at, strlen("FIFO_SAMPLES=4096"), "FIFO_SAMPLES=16");
+    if (fd < 0 || write(fd, text.data(), text.size()) != (ssize_t)text.size()) {
       perror("fuzz mainframe file");
       abort();
     }
