@@ -83,8 +83,8 @@ bool runOp(const Op& op, ViUInt32 tmo, int farCore, int farIntr) {
   std::vector<char> buf(count ? count : 1);
   int got = 0;
   int st = 0;
-  bool readOp = true;
-  switch (op.kind % 6) {
+  int kind = op.kind % 6;
+  switch (kind) {
     case 0:
     case 1:
       st = kvtcp_Read(&rec, tmo, count ? buf.data() : nullptr, count, flags, (char)op.eos, &got);
@@ -101,30 +101,21 @@ bool runOp(const Op& op, ViUInt32 tmo, int farCore, int farIntr) {
       char out[64];
       memset(out, 'x', sizeof out);
       st = kvtcp_Write(&rec, tmo, out, count < 64 ? count : 64, flags, &got);
-      readOp = false;
       break;
     }
-    case 4: {
-      bool answered = haveAsync(HISLIP_AsyncStatusResponse);
-      if (!answered && waitSpent) return true;
-      waitSpent = waitSpent || !answered;
-      ViUInt16 stb = 0;
-      st = kvtcp_ReadSTB(&rec, tmo, &stb);
-      readOp = false;
-      break;
-    }
-    default:
-      if (!haveAsync(HISLIP_AsyncDeviceClearAcknowledge)) {
+    default: {  // the status byte (4) or a clear (5)
+      if (!haveAsync(kind == 4 ? HISLIP_AsyncStatusResponse : HISLIP_AsyncDeviceClearAcknowledge)) {
         if (waitSpent) return true;
         waitSpent = true;
       }
-      st = kvtcp_Clear(&rec, tmo);
-      readOp = false;
+      ViUInt16 stb = 0;
+      st = kind == 4 ? kvtcp_ReadSTB(&rec, tmo, &stb) : kvtcp_Clear(&rec, tmo);
       break;
+    }
   }
   drain(farCore);
   drain(farIntr);
-  return !(readOp && st < 0);
+  return !(kind < 3 && st < 0);  // a failed read or exchange ends the channel
 }
 
 }  // namespace

@@ -36,7 +36,7 @@ TEST(Numbers, StrictDecimalAndBounds) {
   for (const char* bad : {"4294967296", "4 2", "--1", "1-", "", "   ", "- 5", "+", "12a", "0x10", "1+",
                           "99999999999", "4294967300", (const char*)nullptr})
     EXPECT_EQ(Conv<unsigned>(uintOf, bad), "0:77") << (bad ? bad : "null");
-  // The sign comes back through the flag: only that lets the lowest int pass.
+  // StrToInt takes the sign from the parser's flag, which the lowest int needs.
   for (auto [text, want] : {std::pair{"-2147483648", "1:-2147483648"}, {"2147483647", "1:2147483647"},
                             {"2147483648", "0:77"}, {"-2147483649", "0:77"}, {"-0", "1:0"}})
     EXPECT_EQ(Conv<int>(StrToInt, text), want) << text;
