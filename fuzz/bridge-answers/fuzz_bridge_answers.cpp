@@ -162,7 +162,8 @@ void runOp(uint8_t op, uint32_t a, uint8_t b, const Msg* msgs, int nMsg) {
       // Remainders of 128 to 255 bytes read a whole 256-byte chunk on
       // purpose: the buffer has that much slack.
       ViInt32 got = 0;
-      vintfWSrd(0, b & 3, 0, exact((size_t)count + 256).data(), count, (ViUInt16)((b >> 2) & 3), (ViChar)(a >> 11), &got);
+      vintfWSrd(0, b & 3, 0, exact((size_t)count + 256).data(), count, (ViUInt16)((b >> 2) & 3), (ViChar)(a >> 11),
+                &got);
       if (got < 0 || got > count + 256) {
         fprintf(stderr, "Word Serial read reported %d bytes for %d\n", got, count);
         abort();

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -287,13 +288,9 @@ TEST(LineReader, CountersAndNonEmptyReads) {
 }
 
 TEST(Files, RealFileAndMissingFile) {
-  char dir[] = "/tmp/initestXXXXXX";
-  ASSERT_NE(mkdtemp(dir), nullptr);
-  std::string path = std::string(dir) + "/conf.ini";
-  FILE* f = fopen(path.c_str(), "wb");
-  ASSERT_NE(f, nullptr);
-  fputs("; resource file\r\n[COMMON]\r\nNumIntf = 2\r\n\r\n[INTF0]\r\nADDR = \"127.0.0.2\"\r\n", f);
-  fclose(f);
+  std::string path = testing::TempDir() + "initest-" + std::to_string(getpid()) + ".ini";
+  std::ofstream(path, std::ios::binary) << "; resource file\r\n[COMMON]\r\nNumIntf = 2\r\n\r\n"
+                                           "[INTF0]\r\nADDR = \"127.0.0.2\"\r\n";
   Doc doc(Ini_New(1));
   EXPECT_EQ(Ini_ReadFromFile(doc, path.c_str()), 0);
   int n = 0;
@@ -305,12 +302,11 @@ TEST(Files, RealFileAndMissingFile) {
 
   Doc other(Ini_New(0));
   testing::internal::CaptureStderr();
-  EXPECT_EQ(Ini_ReadFromFile(other, (std::string(dir) + "/missing.ini").c_str()), -1);
+  EXPECT_EQ(Ini_ReadFromFile(other, (path + ".missing").c_str()), -1);
   std::string err = testing::internal::GetCapturedStderr();
   EXPECT_EQ(err.rfind("Can't open file: ", 0), 0u) << err;
   EXPECT_EQ(Ini_ReadFromFile(nullptr, path.c_str()), -1);
   unlink(path.c_str());
-  rmdir(dir);
 }
 
 class Values : public testing::Test {
