@@ -64,11 +64,8 @@ void onInterrupt(ViUInt32 eventType, ViUInt16 intfIdx, ViUInt32 instrIdx, ViAttr
   }
 }
 
-struct Msg {
-  const uint8_t* p;
-  size_t len;
-  uint16_t raw;  // the length word as given, with its framing bits
-};
+// An answer's bytes, and its length word as given, with the framing bits.
+struct Msg { const uint8_t* p; size_t len; uint16_t raw; };
 
 // Frames and writes the answers; the far end is then shut, so every read
 // past them ends at once.

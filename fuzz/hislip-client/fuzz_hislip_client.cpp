@@ -40,9 +40,7 @@ bool haveAsync(unsigned char type) {
 // (at least a millisecond, polling); one such wait per input is enough.
 bool waitSpent;
 
-struct Op {
-  uint8_t kind, count, flags, eos;
-};
+struct Op { uint8_t kind, count, flags, eos; };
 
 const ViUInt32 kTimeouts[4] = {0, 0, 0, 2};
 

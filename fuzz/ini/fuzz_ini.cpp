@@ -10,12 +10,7 @@
 
 namespace {
 
-struct ByteLines {
-  const uint8_t* data;
-  size_t size;
-  size_t pos;
-  int line;
-};
+struct ByteLines { const uint8_t* data; size_t size, pos; int line; };
 
 // Splits at LF; a line longer than the limit continues as the next line.
 int ByteLineSource(void* src, char* buf, int max, int* end, int* lineNum) {

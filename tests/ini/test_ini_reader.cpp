@@ -30,10 +30,7 @@ struct Doc {
 };
 
 // A line source over prepared lines; line numbers from 1.
-struct Lines {
-  Strings v;
-  size_t next = 0;
-};
+struct Lines { Strings v; size_t next = 0; };
 int Source(void* src, char* buf, int max, int* end, int* lineNum) {
   Lines* l = (Lines*)src;
   if (l->next >= l->v.size()) {
@@ -75,10 +72,7 @@ std::string Section(IniText doc, int n) {
 }
 
 // A LineFile over an in-memory byte string, delivered in chunks.
-struct MemBytes {
-  std::string data;
-  size_t pos = 0, chunk = 2048;
-};
+struct MemBytes { std::string data; size_t pos = 0, chunk = 2048; };
 int MemRead(void* src, int n, int* got, void* dest) {
   MemBytes* m = (MemBytes*)src;
   size_t k = std::min({(size_t)n, m->data.size() - m->pos, m->chunk});
