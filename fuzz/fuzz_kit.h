@@ -2,6 +2,7 @@
 #pragma once
 
 #include <semaphore.h>
+#include <stdarg.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -12,6 +13,16 @@
 #include "kvtcp_internal.h"
 
 namespace fuzzkit {
+
+// Reports a broken expectation and stops, so that the fuzzer keeps the input.
+[[noreturn]] inline void fail(const char* fmt, ...) {
+  va_list ap;
+  va_start(ap, fmt);
+  vfprintf(stderr, fmt, ap);
+  va_end(ap);
+  fputc('\n', stderr);
+  abort();
+}
 
 inline HANDLE intfMutex = nullptr;
 inline char intfMutexName[sizeof(KvTcpInfo{}.intfMutexName)];
@@ -26,10 +37,7 @@ inline void openMutexOnce(const char* prefix) {
   KvTcpInfo tmp;
   memset(&tmp, 0, sizeof tmp);
   open_mutex_intf(&tmp, base);
-  if (!tmp.hIntfMutex) {
-    fprintf(stderr, "cannot open the interface mutex %s\n", tmp.intfMutexName);
-    abort();
-  }
+  if (!tmp.hIntfMutex) fail("cannot open the interface mutex %s", tmp.intfMutexName);
   intfMutex = tmp.hIntfMutex;
   memcpy(intfMutexName, tmp.intfMutexName, sizeof intfMutexName);
   sem_unlink(intfMutexName);

@@ -57,11 +57,8 @@ void onInterrupt(ViUInt32 eventType, ViUInt16 intfIdx, ViUInt32 instrIdx, ViAttr
                  ViAttrState irqLine) {
   ViInt32 n = Interfaces[0].GIntf->NInstr;
   if (n > TCPVXI_MAX_INSTR) n = TCPVXI_MAX_INSTR;
-  if (eventType != 0xBFFF2021u || (ViInt32)instrIdx >= n || irqLine > 7 || statID > 0xFFFFFFFFu) {
-    fprintf(stderr, "interrupt delivered with instrument %u of %d, line %llu\n", instrIdx, n,
-            (unsigned long long)irqLine);
-    abort();
-  }
+  if (eventType != 0xBFFF2021u || (ViInt32)instrIdx >= n || irqLine > 7 || statID > 0xFFFFFFFFu)
+    fuzzkit::fail("interrupt delivered with instrument %u of %d, line %llu", instrIdx, n, (unsigned long long)irqLine);
 }
 
 // An answer's bytes, and its length word as given, with the framing bits.
@@ -161,10 +158,7 @@ void runOp(uint8_t op, uint32_t a, uint8_t b, const Msg* msgs, int nMsg) {
       ViInt32 got = 0;
       vintfWSrd(0, b & 3, 0, exact((size_t)count + 256).data(), count, (ViUInt16)((b >> 2) & 3), (ViChar)(a >> 11),
                 &got);
-      if (got < 0 || got > count + 256) {
-        fprintf(stderr, "Word Serial read reported %d bytes for %d\n", got, count);
-        abort();
-      }
+      if (got < 0 || got > count + 256) fuzzkit::fail("Word Serial read reported %d bytes for %d", got, count);
       break;
     }
     case 4:

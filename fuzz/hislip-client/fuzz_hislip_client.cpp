@@ -53,24 +53,17 @@ void runAsync(const uint8_t* p, size_t n) {
   fuzzkit::feed(intr.far, p, n);
   shutdown(intr.far, SHUT_WR);
   hislipAsyncRecvThread(&rec);
-  if (rec.S_Intr == intr.near) {
-    rec.S_Intr = 0;
-  } else if (rec.S_Intr != 0) {
-    fprintf(stderr, "receive thread left a foreign descriptor in S_Intr\n");
-    abort();
-  } else {
-    intr.near = -1;
-  }
+  if (rec.S_Intr != 0 && rec.S_Intr != intr.near) fuzzkit::fail("receive thread left a foreign descriptor in S_Intr");
+  if (rec.S_Intr == 0) intr.near = -1;  // the thread closed it
+  rec.S_Intr = 0;
   rec.Connected = 1;
 }
 
 // A read's count against its buffer; up to 3 is fine whatever the buffer:
 // a vendor-specific answer's padding count replaces the read's, as designed.
 void checkCount(const char* what, int st, int got, int count) {
-  if (st >= 0 && (got < 0 || got > (count > 3 ? count : 3))) {
-    fprintf(stderr, "%s reported %d bytes for a buffer of %d\n", what, got, count);
-    abort();
-  }
+  if (st >= 0 && (got < 0 || got > (count > 3 ? count : 3)))
+    fuzzkit::fail("%s reported %d bytes for a buffer of %d", what, got, count);
 }
 
 // One operation; returns false when the synchronous channel is done.
