@@ -1,7 +1,9 @@
-// Shared by the fuzz targets that drive the transport over a socket pair.
+// Shared by the fuzz targets that drive the transport over socket pairs.
 #pragma once
 
 #include <semaphore.h>
+#include <stdarg.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -12,17 +14,22 @@
 
 namespace fuzzkit {
 
+// Reports a broken expectation and stops, so that the fuzzer keeps the input.
+[[noreturn]] inline void fail(const char* fmt, ...) {
+  va_list ap;
+  va_start(ap, fmt);
+  vfprintf(stderr, fmt, ap);
+  va_end(ap);
+  fputc('\n', stderr);
+  abort();
+}
+
 inline HANDLE intfMutex = nullptr;
 inline char intfMutexName[sizeof(KvTcpInfo{}.intfMutexName)];
 
-inline void closeMutexAtExit() {
-  if (intfMutex && intfMutex != (HANDLE)SEM_FAILED) sem_close((sem_t*)intfMutex);
-  intfMutex = nullptr;
-}
-
 // The interface lock only needs an open handle.  One per process, with a
-// name of its own; the name is removed at once (the handle stays valid), so
-// a crashed run leaves nothing behind.
+// name of its own; the name is removed at once (the handle stays valid until
+// the process ends), so a crashed run leaves nothing behind.
 inline void openMutexOnce(const char* prefix) {
   if (intfMutex) return;
   char base[64];
@@ -30,14 +37,10 @@ inline void openMutexOnce(const char* prefix) {
   KvTcpInfo tmp;
   memset(&tmp, 0, sizeof tmp);
   open_mutex_intf(&tmp, base);
-  if (!tmp.hIntfMutex) {
-    fprintf(stderr, "cannot open the interface mutex %s\n", tmp.intfMutexName);
-    abort();
-  }
+  if (!tmp.hIntfMutex) fail("cannot open the interface mutex %s", tmp.intfMutexName);
   intfMutex = tmp.hIntfMutex;
   memcpy(intfMutexName, tmp.intfMutexName, sizeof intfMutexName);
   sem_unlink(intfMutexName);
-  atexit(closeMutexAtExit);
 }
 
 // A HiSLIP record as a fresh connection leaves it, sharing the process's mutex.
@@ -66,5 +69,24 @@ inline bool feed(int fd, const void* data, size_t n) {
   }
   return true;
 }
+
+// One channel of a connection: `near` goes into the record, the target plays
+// the peer on `far`.  Whatever end is still open closes with the object.
+struct Channel {
+  int near = -1, far = -1;
+  Channel() {
+    int sv[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM, 0, sv) != 0) return;
+    near = sv[0];
+    far = sv[1];
+  }
+  ~Channel() {
+    if (near >= 0) close(near);
+    if (far >= 0) close(far);
+  }
+  Channel(const Channel&) = delete;
+  Channel& operator=(const Channel&) = delete;
+  bool ok() const { return near >= 0; }
+};
 
 }  // namespace fuzzkit

@@ -13,6 +13,8 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -20,55 +22,36 @@
 
 namespace {
 
-// Word Serial commands (codes 12 to 15) wait for their instrument for as
-// long as the command's time-out word says (up to ten seconds).  The target
-// caps that word at one millisecond so that an input costs microseconds,
-// not seconds; the waiting itself is the same code either way.
+// Word Serial commands (codes 12 to 15) wait for their instrument as long as
+// their time-out word says (up to ten seconds): capped here at 1 ms, the same
+// waiting code costs microseconds.
 constexpr uint32_t kMaxWsTmo = 1;
 
-// Largest answer the bridge may produce: one block-read chunk of 65520
-// bytes with its 8-byte head and 4-byte trailer (one element more when the
-// bridge inflates its count on purpose, which is off here).
+// Largest answer: one block-read chunk of 65520 bytes with its 8-byte head
+// and 4-byte trailer (count inflation, which adds an element, is off here).
 constexpr size_t kMaxAnswer = 8 + 65520 + 4;
 // An interrupt report carries at most 32 pairs.
 constexpr size_t kMaxReport = 8 + 32 * 8;
 
-// The built-in mainframe, but with a short digitizer FIFO: filling the
-// default 4096 samples on every power-on would take most of each run.
-const char kMainframe[] =
-    "[MAINFRAME]\nNAME=fuzz\nINTF_NUM=1\nBOARD=0\n"
-    "[Controller]\nLA=0\nSLOT=0\nCLASS=message\nKIND=controller\nMANF_ID=0xFFB\nMODEL_CODE=0x001\n"
-    "IDN=Simulated,LAN-VXI Bridge,SIM0001,1.0\n"
-    "[Digitizer]\nLA=8\nSLOT=2\nCLASS=register\nKIND=digitizer\nMANF_ID=0xFFB\nMODEL_CODE=0x210\n"
-    "SPACE=A24\nM=5\nIRQ=2\nFIFO=0x20\nFIFO_SAMPLES=16\nMEMORY=ramp\n"
-    "[Multimeter]\nLA=16\nSLOT=3\nCLASS=message\nKIND=dmm\nMANF_ID=0xFFB\nMODEL_CODE=0x310\nIRQ=1\n"
-    "IDN=Simulated,VXI Multimeter 6.5,SIM1016,2.1\nLONGWORD=1\nREADING=1.2345\n"
-    "[Counter]\nLA=24\nSLOT=4\nCLASS=message\nKIND=counter\nMANF_ID=0xFFB\nMODEL_CODE=0x420\nSPACE=A32\n"
-    "M=15\nIRQ=3\nIDN=Simulated,VXI Counter 225MHz,SIM1024,1.3\nREADING=10000000\n"
-    "[Switch]\nLA=32\nSLOT=5\nCLASS=message\nKIND=switch\nMANF_ID=0xFFB\nMODEL_CODE=0x530\n"
-    "IDN=Simulated,VXI Switch 64ch,SIM1032,1.0\n"
-    "[Memory]\nLA=40\nSLOT=6\nCLASS=memory\nKIND=memory\nMANF_ID=0xFFB\nMODEL_CODE=0x640\nSPACE=A32\nM=8\n";
-
-std::string mainframePath;
-
-void removeMainframeFile() {
-  if (!mainframePath.empty()) unlink(mainframePath.c_str());
-}
-
+// The simulator's default mainframe file with a short digitizer FIFO:
+// refilling 4096 samples on every power-on would take most of each run.
 // Written once per process to a file of its own, removed at exit.
-const std::string& mainframeFile() {
-  if (!mainframePath.empty()) return mainframePath;
-  char name[] = "/tmp/fuzz-mainframe-XXXXXX";
-  int fd = mkstemp(name);
-  if (fd < 0 || write(fd, kMainframe, sizeof kMainframe - 1) != (ssize_t)(sizeof kMainframe - 1)) {
-    perror("fuzz mainframe file");
-    abort();
+struct MainframeFile {
+  char path[32] = "/tmp/fuzz-mainframe-XXXXXX";
+  MainframeFile() {
+    std::ifstream in(KV_SOURCE_DIR "/tools/bridge-sim/mainframes/default.ini");
+    std::string text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    size_t at = text.find("FIFO_SAMPLES=4096");
+    int fd = at == std::string::npos ? -1 : mkstemp(path);
+    if (fd >= 0) text.replace(at, strlen("FIFO_SAMPLES=4096"), "FIFO_SAMPLES=16");
+    if (fd < 0 || write(fd, text.data(), text.size()) != (ssize_t)text.size()) {
+      perror("fuzz mainframe file");
+      abort();
+    }
+    close(fd);
   }
-  close(fd);
-  mainframePath = name;
-  atexit(removeMainframeFile);
-  return mainframePath;
-}
+  ~MainframeFile() { unlink(path); }
+};
 
 [[noreturn]] void fail(const char* what, size_t n) {
   fprintf(stderr, "bridge simulator: %s (%zu bytes)\n", what, n);
@@ -82,20 +65,14 @@ uint32_t le32(const uint8_t* p) { return uint32_t(p[0]) | uint32_t(p[1]) << 8 | 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // A new bridge per input: every run starts from the power-on state, so a
   // finding replays from its input alone.
-  bridgesim::Bridge bridge(mainframeFile());
-  size_t reports = 0;
+  static const MainframeFile mainframe;
+  bridgesim::Bridge bridge(mainframe.path);
   bridge.broadcastAsync = [&](const std::vector<uint8_t>& body) {
     if (body.size() < 8 || body.size() > kMaxReport || body.size() % 8 != 0) fail("malformed interrupt report", body.size());
     if (le32(body.data()) != 1 || 8 + 8 * size_t(le32(body.data() + 4)) != body.size())
       fail("interrupt report head does not match its size", body.size());
-    ++reports;
   };
-
-  bridgesim::HostId hosts[2];
-  hosts[0].ipv4 = 0x0100007F;  // 127.0.0.1
-  hosts[0].connectionId = 1;
-  hosts[1].ipv4 = 0x0200007F;  // 127.0.0.2
-  hosts[1].connectionId = 2;
+  const bridgesim::HostId hosts[2] = {{0x0100007F, 1}, {0x0200007F, 2}};  // 127.0.0.1 and 127.0.0.2
 
   std::vector<uint8_t> cmd;
   size_t pos = 0;
@@ -108,24 +85,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // A copy of exactly len bytes, so a read past the payload is caught.
     cmd.assign(data + pos, data + pos + len);
     pos += len;
-    if (cmd.size() >= 8) {
-      uint32_t code = le32(cmd.data()) & 0xFF;
-      if (code >= 12 && code <= 15 && le32(cmd.data() + 4) > kMaxWsTmo) {
-        uint32_t t = le32(cmd.data() + 4) & kMaxWsTmo;
-        memcpy(cmd.data() + 4, &t, 4);
-      }
+    uint32_t code = cmd.size() >= 4 ? le32(cmd.data()) & 0xFF : 0;
+    if (code >= 12 && code <= 15 && cmd.size() >= 8 && le32(cmd.data() + 4) > kMaxWsTmo) {
+      uint32_t t = le32(cmd.data() + 4) & kMaxWsTmo;
+      memcpy(cmd.data() + 4, &t, 4);
     }
     const bridgesim::HostId& host = hosts[flags & 1];
     std::vector<uint8_t> answer = bridge.handleCommand(host, cmd.empty() ? nullptr : cmd.data(), cmd.size());
     if (answer.size() > kMaxAnswer) fail("answer larger than one block chunk", answer.size());
-    if (answer.size() % 4 != 0 && !(cmd.size() >= 4 && (le32(cmd.data()) & 0xFF) == 16) &&
-        !(cmd.size() >= 4 && (le32(cmd.data()) & 0xFF) == 12))
-      fail("answer not made of whole words", answer.size());
+    // Word Serial reads (12) and the resource text (16) answer in bytes.
+    if (answer.size() % 4 != 0 && code != 12 && code != 16) fail("answer not made of whole words", answer.size());
     if (flags & 2) bridge.hostDisconnected(host);
     ++commands;
   }
   bridge.hostDisconnected(hosts[0]);
   bridge.hostDisconnected(hosts[1]);
-  (void)reports;
   return 0;
 }

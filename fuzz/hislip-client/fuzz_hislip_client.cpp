@@ -1,44 +1,23 @@
-// Arbitrary bytes as a bridge's side of a HiSLIP connection.
-//
-// A connection record is set up as a connect would leave it (HiSLIP kind,
-// connected, an open interface mutex), but its channels are socket pairs
-// whose far ends the target fills with the input:
-//   1. the asynchronous channel: the receive thread's body runs on it, on
-//      this thread, until the channel closes (its far end is shut after the
-//      input was written), storing answers and calling the event callback;
-//   2. the synchronous channel: message reads, bridge exchanges, writes,
-//      status-byte reads and clears run on it in the order the input asks,
-//      then plain reads until one fails (the bytes are used up or malformed).
-// Time-outs are 0 or 2 ms, so an input costs well under a millisecond when
-// the far end stays open; when the input asks for it, the far end is shut
-// instead, which exercises the closed-peer handling of the waits.
+// Arbitrary bytes as a bridge's side of a HiSLIP connection.  A connection
+// record is set up as a connect leaves it, over socket pairs whose far ends
+// hold the input: first the asynchronous channel, shut behind its bytes, on
+// which the receive thread's body runs on this thread (storing answers,
+// calling the event callback); then the synchronous channel, on which reads,
+// bridge exchanges, writes, status-byte reads and clears run in the order the
+// input asks, then plain reads until one fails.  Time-outs are 0 or 2 ms.
 //
 // Input:
 //   [ctrl] [nOps] nOps x [kind count flags eos] [asyncLen lo] [asyncLen hi]
 //   [asyncLen bytes for the asynchronous channel] [the rest: synchronous]
 // ctrl bit 0: shut the synchronous far end after writing (peer closed);
 // bits 1-2: time-out index.
-#include <errno.h>
-#include <fcntl.h>
-#include <semaphore.h>
-#include <stdint.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
-#include <sys/socket.h>
-#include <unistd.h>
+#include <vector>
 
-#include "kvtcp_internal.h"
 #include "../fuzz_kit.h"
-#include "visa-ipc.h"
 
 namespace {
 
 KvTcpInfo rec;
-void resetRecord() {
-  memset(&rec, 0, sizeof rec);
-  fuzzkit::prepareHislipRecord(&rec);
-}
 
 // Throws away what the client sent, so its sends never block on a full buffer.
 void drain(int fd) {
@@ -47,14 +26,8 @@ void drain(int fd) {
   }
 }
 
-unsigned char lastAsyncType;
-char lastAsyncByte;
-
-void onAsync(pKvTcpInfo intf) {
-  // Touch the stored body the way a handler would.
-  lastAsyncType = intf->hislipAsyncInMsg;
-  lastAsyncByte = intf->hislipAsyncCmdData[KVTCP_ASYNC_DATA - 1];
-}
+// Installed so that the receive thread takes its event-delivery path.
+void onAsync(pKvTcpInfo) {}
 
 // True when the ring holds an answer of this type.
 bool haveAsync(unsigned char type) {
@@ -67,30 +40,30 @@ bool haveAsync(unsigned char type) {
 // (at least a millisecond, polling); one such wait per input is enough.
 bool waitSpent;
 
-struct Op {
-  uint8_t kind, count, flags, eos;
-};
+struct Op { uint8_t kind, count, flags, eos; };
 
 const ViUInt32 kTimeouts[4] = {0, 0, 0, 2};
 
+// The receive thread's body over the asynchronous bytes; it leaves when the
+// channel closes, closing its end and clearing the field.
 void runAsync(const uint8_t* p, size_t n) {
-  int sv[2];
-  if (socketpair(AF_UNIX, SOCK_STREAM, 0, sv) != 0) return;
-  rec.S_Intr = sv[0];
-  fuzzkit::feed(sv[1], p, n);
-  // The thread leaves when the channel closes.
-  shutdown(sv[1], SHUT_WR);
+  fuzzkit::Channel intr;
+  if (!intr.ok()) return;
+  rec.S_Intr = intr.near;
+  fuzzkit::feed(intr.far, p, n);
+  shutdown(intr.far, SHUT_WR);
   hislipAsyncRecvThread(&rec);
-  // It closes its channel (and clears the field) when it leaves.
-  if (rec.S_Intr == sv[0]) {
-    close(sv[0]);
-    rec.S_Intr = 0;
-  } else if (rec.S_Intr != 0) {
-    fprintf(stderr, "receive thread left a foreign descriptor in S_Intr\n");
-    abort();
-  }
-  close(sv[1]);
+  if (rec.S_Intr != 0 && rec.S_Intr != intr.near) fuzzkit::fail("receive thread left a foreign descriptor in S_Intr");
+  if (rec.S_Intr == 0) intr.near = -1;  // the thread closed it
+  rec.S_Intr = 0;
   rec.Connected = 1;
+}
+
+// A read's count against its buffer; up to 3 is fine whatever the buffer:
+// a vendor-specific answer's padding count replaces the read's, as designed.
+void checkCount(const char* what, int st, int got, int count) {
+  if (st >= 0 && (got < 0 || got > (count > 3 ? count : 3)))
+    fuzzkit::fail("%s reported %d bytes for a buffer of %d", what, got, count);
 }
 
 // One operation; returns false when the synchronous channel is done.
@@ -98,83 +71,59 @@ bool runOp(const Op& op, ViUInt32 tmo, int farCore, int farIntr) {
   // Sizes up to 1020, allocated exactly so any overrun is caught.
   int count = (op.count & 0x7F) * ((op.kind & 0x80) ? 8 : 1);
   ViUInt16 flags = (ViUInt16)((op.flags & 0x03) | ((op.flags & 0x04) ? KVTCP_FLAG_KEEP : 0));
+  std::vector<char> buf(count ? count : 1);
   int got = 0;
   int st = 0;
-  bool readOp = true;
-  switch (op.kind % 6) {
+  int kind = op.kind % 6;
+  switch (kind) {
     case 0:
-    case 1: {
-      char* buf = (char*)malloc(count ? (size_t)count : 1);
-      st = kvtcp_Read(&rec, tmo, count ? buf : nullptr, count, flags, (char)op.eos, &got);
-      if (st >= 0 && (got < 0 || got > (count > 3 ? count : 3))) {
-        fprintf(stderr, "kvtcp_Read reported %d bytes for a buffer of %d\n", got, count);
-        abort();
-      }
-      free(buf);
+    case 1:
+      st = kvtcp_Read(&rec, tmo, count ? buf.data() : nullptr, count, flags, (char)op.eos, &got);
+      checkCount("kvtcp_Read", st, got, count);
       break;
-    }
     case 2: {
       // A bridge exchange: an 8-to-20-byte command out, the answer back.
-      int outcount = 8 + 4 * (op.flags >> 5 & 3);
-      char out[24];
-      memset(out, 0, sizeof out);
-      out[0] = (char)op.eos;
-      char* in = (char*)malloc(count ? (size_t)count : 1);
-      st = kvtcp_kvhislip_Query(&rec, tmo, out, outcount, in, count, &got);
-      if (st >= 0 && (got < 0 || got > (count > 3 ? count : 3))) {
-        fprintf(stderr, "kvtcp_kvhislip_Query reported %d bytes for a buffer of %d\n", got, count);
-        abort();
-      }
-      free(in);
+      char out[24] = {(char)op.eos};
+      st = kvtcp_kvhislip_Query(&rec, tmo, out, 8 + 4 * (op.flags >> 5 & 3), buf.data(), count, &got);
+      checkCount("kvtcp_kvhislip_Query", st, got, count);
       break;
     }
     case 3: {
       char out[64];
       memset(out, 'x', sizeof out);
       st = kvtcp_Write(&rec, tmo, out, count < 64 ? count : 64, flags, &got);
-      readOp = false;
       break;
     }
-    case 4: {
-      bool answered = haveAsync(HISLIP_AsyncStatusResponse);
-      if (!answered && waitSpent) return true;
-      waitSpent = waitSpent || !answered;
-      ViUInt16 stb = 0;
-      st = kvtcp_ReadSTB(&rec, tmo, &stb);
-      readOp = false;
-      break;
-    }
-    default:
-      if (!haveAsync(HISLIP_AsyncDeviceClearAcknowledge)) {
+    default: {  // the status byte (4) or a clear (5)
+      if (!haveAsync(kind == 4 ? HISLIP_AsyncStatusResponse : HISLIP_AsyncDeviceClearAcknowledge)) {
         if (waitSpent) return true;
         waitSpent = true;
       }
-      st = kvtcp_Clear(&rec, tmo);
-      readOp = false;
+      ViUInt16 stb = 0;
+      st = kind == 4 ? kvtcp_ReadSTB(&rec, tmo, &stb) : kvtcp_Clear(&rec, tmo);
       break;
+    }
   }
   drain(farCore);
   drain(farIntr);
-  return !(readOp && st < 0);
+  return !(kind < 3 && st < 0);  // a failed read or exchange ends the channel
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzzkit::openMutexOnce("fuzzhislip");
-  resetRecord();
+  memset(&rec, 0, sizeof rec);
+  fuzzkit::prepareHislipRecord(&rec);
   waitSpent = false;
   kvtcp_setCallback(onAsync);
 
   size_t pos = 0;
-  uint8_t ctrl = size > pos ? data[pos++] : 0;
-  int nOps = size > pos ? (data[pos++] & 15) + 1 : 1;
+  auto next = [&]() -> uint8_t { return pos < size ? data[pos++] : 0; };  // 0 past the end
+  uint8_t ctrl = next();
+  int nOps = (next() & 15) + 1;
   Op ops[16];
-  for (int i = 0; i < nOps; i++) {
-    uint8_t b[4] = {0, 0, 0, 0};
-    for (int k = 0; k < 4; k++) b[k] = pos < size ? data[pos++] : 0;
-    ops[i] = Op{b[0], b[1], b[2], b[3]};
-  }
+  for (int i = 0; i < nOps; i++) ops[i] = Op{next(), next(), next(), next()};  // in order, left to right
   size_t asyncLen = 0;
   if (pos + 2 <= size) {
     asyncLen = data[pos] | (size_t)data[pos + 1] << 8;
@@ -189,32 +138,23 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   if (asyncLen) runAsync(async, asyncLen);
 
-  int core[2], intr[2];
-  if (socketpair(AF_UNIX, SOCK_STREAM, 0, core) != 0) return 0;
-  if (socketpair(AF_UNIX, SOCK_STREAM, 0, intr) != 0) {
-    close(core[0]);
-    close(core[1]);
-    return 0;
-  }
-  rec.S_Core = core[0];
-  rec.S_Intr = intr[0];  // for the status query and the clear; never answered here
-  fuzzkit::feed(core[1], sync, syncLen);
-  if (ctrl & 1) shutdown(core[1], SHUT_WR);
+  fuzzkit::Channel core, intr;
+  if (!core.ok() || !intr.ok()) return 0;
+  rec.S_Core = core.near;
+  rec.S_Intr = intr.near;  // for the status query and the clear; never answered here
+  fuzzkit::feed(core.far, sync, syncLen);
+  if (ctrl & 1) shutdown(core.far, SHUT_WR);
 
   // The script once, in order (status queries and clears may each wait a
   // millisecond for an answer that never comes) ...
   bool more = true;
-  for (int i = 0; i < nOps && more; i++) more = runOp(ops[i], tmo, core[1], intr[1]);
+  for (int i = 0; i < nOps && more; i++) more = runOp(ops[i], tmo, core.far, intr.far);
   // ... then reads until they fail: every byte left is taken as a message.
   Op rd = ops[0];
   rd.kind &= 0x80;  // a plain read of the first operation's size (never 0 bytes)
   rd.count |= 1;
-  for (int call = 0; call < 256 && more; call++) more = runOp(rd, tmo, core[1], intr[1]);
+  for (int call = 0; call < 256 && more; call++) more = runOp(rd, tmo, core.far, intr.far);
 
-  close(core[0]);
-  close(core[1]);
-  close(intr[0]);
-  close(intr[1]);
   rec.S_Core = rec.S_Intr = 0;
   return 0;
 }

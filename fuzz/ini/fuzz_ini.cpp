@@ -10,12 +10,7 @@
 
 namespace {
 
-struct ByteLines {
-  const uint8_t* data;
-  size_t size;
-  size_t pos;
-  int line;
-};
+struct ByteLines { const uint8_t* data; size_t size, pos; int line; };
 
 // Splits at LF; a line longer than the limit continues as the next line.
 int ByteLineSource(void* src, char* buf, int max, int* end, int* lineNum) {
@@ -44,12 +39,10 @@ void ExerciseDocument(IniText doc) {
     for (int i = 1; i <= items; ++i) {
       char* name = nullptr;
       if (Ini_NthItemName(doc, sec, i, &name) != 1) continue;
-      int iv;
+      int iv, bv;
       unsigned uv;
       double dv;
-      int bv;
-      char* p;
-      char buf[64];
+      char *p, buf[64];
       Ini_GetInt(doc, sec, name, &iv);
       Ini_GetUInt(doc, sec, name, &uv);
       Ini_GetDouble(doc, sec, name, &dv);

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <random>
 #include <string>
 #include <vector>
@@ -14,8 +15,6 @@
 #include "toolbox.h"
 
 namespace {
-
-// ---------------------------------------------------------------- numbers
 
 // "result:value" of a conversion whose output starts out as 77.
 template <typename T, typename F>
@@ -37,19 +36,13 @@ TEST(Numbers, StrictDecimalAndBounds) {
   for (const char* bad : {"4294967296", "4 2", "--1", "1-", "", "   ", "- 5", "+", "12a", "0x10", "1+",
                           "99999999999", "4294967300", (const char*)nullptr})
     EXPECT_EQ(Conv<unsigned>(uintOf, bad), "0:77") << (bad ? bad : "null");
-  int neg = 7;
-  unsigned v;
-  EXPECT_EQ(ConvertNumStrToUint("-3", &v, &neg), 1);
-  EXPECT_EQ(neg, 1);
-
+  // StrToInt takes the sign from the parser's flag, which the lowest int needs.
   for (auto [text, want] : {std::pair{"-2147483648", "1:-2147483648"}, {"2147483647", "1:2147483647"},
                             {"2147483648", "0:77"}, {"-2147483649", "0:77"}, {"-0", "1:0"}})
     EXPECT_EQ(Conv<int>(StrToInt, text), want) << text;
   for (auto [text, want] : {std::pair{"-0", "0:77"}, {"-1", "0:77"}, {"4294967295", "1:4294967295"}})
     EXPECT_EQ(Conv<unsigned>(StrToUInt, text), want) << text;
 }
-
-// ---------------------------------------------------------------- encoding
 
 TEST(DataText, RoundTripEveryLengthUpTo64) {
   std::mt19937 rng(12345);
@@ -66,16 +59,12 @@ TEST(DataText, RoundTripEveryLengthUpTo64) {
       int size = -1;
       ASSERT_EQ(ConvertTextToData(text, &size, &out), 1);
       ASSERT_EQ(size, len);
-      if (len) {
-        EXPECT_EQ(0, memcmp(out, in.data(), len)) << "length " << len;
-      }
+      EXPECT_EQ(std::vector<unsigned char>(out, out + len), in) << "length " << len;
       free(out);
       free(text);
     }
   }
 }
-
-// ---------------------------------------------------------------- strings
 
 TEST(Strings, CompareSpliceTrimAppendPrefixQuote) {
   struct Cmp { const char *a, *b; int want; };
@@ -116,8 +105,6 @@ TEST(Strings, CompareSpliceTrimAppendPrefixQuote) {
   free(s);
 }
 
-// ---------------------------------------------------------------- searching
-
 TEST(Search, InsertionCodesMatchTrueInsertionPoint) {
   std::mt19937 rng(7);
   for (int n = 0; n < 40; ++n) {
@@ -144,8 +131,6 @@ TEST(Search, InsertionCodesMatchTrueInsertionPoint) {
   EXPECT_EQ(BinSearch(a, 0, 1, &six, nullptr), -1);
 }
 
-// ---------------------------------------------------------------- sorting
-
 // Items of `size` bytes whose first byte is the key, the rest a fingerprint
 // of the key, so that mixing up bytes of different items is detected.
 int g_itemSize;
@@ -170,11 +155,10 @@ void CheckSort(SortFn sort, const char* name) {
                     : pattern == 1 ? i                      // sorted
                     : pattern == 2 ? n - i                  // reversed
                                    : (int)(rng() % 3);      // many equal
-          std::string it(size, 0);
           // big-endian key in the first bytes, a fingerprint of it in the rest
+          items[i].resize(size);
           for (int b = 0; b < size; ++b)
-            it[b] = (char)(b == 0 ? (size == 1 ? key : key >> 8) : b == 1 ? key & 0xFF : key * 31 + b);
-          items[i] = it;
+            items[i][b] = (char)(b == 0 ? (size == 1 ? key : key >> 8) : b == 1 ? key & 0xFF : key * 31 + b);
         }
         std::vector<char> buf(n * size + 1);
         for (int i = 0; i < n; ++i) memcpy(buf.data() + 1 + i * size, items[i].data(), size);  // unaligned
@@ -235,19 +219,25 @@ TEST(Sort, QuickSortAdversarialStaysInBounds) {
   }
 }
 
-// ---------------------------------------------------------------- item list
+// A list that disposes of itself; it converts to the ListType the calls take.
+struct List {
+  std::unique_ptr<HandleRecord, void (*)(ListType)> p;
+  explicit List(ListType l) : p(l, ListDispose) {}
+  operator ListType() const { return p.get(); }
+};
+using V = std::vector<int>;
 
-std::vector<int> Items(ListType l) {
-  std::vector<int> v(ListNumItems(l));
+V Items(ListType l) {
+  V v(ListNumItems(l));
   for (int i = 1; i <= (int)v.size(); ++i) ListGetItem(l, &v[i - 1], i);
   return v;
 }
-using V = std::vector<int>;
 
-int Capacity(ListType l) { return ((ListStruct*)l->data)->listSize; }
+ListStruct* Header(ListType l) { return (ListStruct*)l->data; }
+int Capacity(ListType l) { return Header(l)->listSize; }
 
-ListType ListOf(std::initializer_list<int> values) {
-  ListType l = ListCreate(sizeof(int));
+List ListOf(V values) {
+  List l(ListCreate(sizeof(int)));
   for (int v : values) EXPECT_EQ(ListInsertItem(l, &v, END_OF_LIST), 1);
   return l;
 }
@@ -270,38 +260,38 @@ TEST(Handles, SizeChangesZeroFillAndKeepContents) {
 
 // Positions: 1..n, 0 (or END_OF_LIST) the last/end, -1 the front.
 TEST(List, PositionsForInsertGetReplaceRemove) {
-  ListType l = ListOf({1, 2, 3});
-  int v = 9, zero = 0, seven = 7;
-  EXPECT_EQ(ListInsertItem(l, &v, 5), 0);  // numItems + 2 refused
-  EXPECT_EQ(ListInsertItem(l, &v, -2), 0);
-  EXPECT_EQ(ListInsertItem(l, &v, 4), 1);  // numItems + 1 appends
-  EXPECT_EQ(ListInsertItem(l, &zero, -1), 1);
-  EXPECT_EQ(ListInsertItem(l, &seven, 3), 1);
-  EXPECT_EQ(Items(l), (V{0, 1, 7, 2, 3, 9}));
+  // 9 into {1, 2, 3}: numItems + 1 appends, numItems + 2 and -2 are refused.
+  for (auto [pos, want] : {std::pair{5, V{1, 2, 3}}, {-2, V{1, 2, 3}}, {4, V{1, 2, 3, 9}}, {0, V{1, 2, 3, 9}},
+                           {-1, V{9, 1, 2, 3}}, {3, V{1, 2, 9, 3}}}) {
+    List l = ListOf({1, 2, 3});
+    int v = 9;
+    EXPECT_EQ(ListInsertItem(l, &v, pos), want.size() == 4 ? 1 : 0) << pos;
+    EXPECT_EQ(Items(l), want) << pos;
+  }
+  List l = ListOf({5, 6});
+  int v = 9;
   EXPECT_EQ(ListInsertItems(l, nullptr, 2, 2), 1);  // zero-filled
-  EXPECT_EQ(Items(l), (V{0, 0, 0, 1, 7, 2, 3, 9}));
   EXPECT_EQ(ListInsertItems(l, &v, 1, 0), 0);
-  ListDispose(l);
-  l = ListCreate(sizeof(int));
+  EXPECT_EQ(Items(l), (V{5, 0, 0, 6}));
+  l = List(ListCreate(sizeof(int)));
   EXPECT_EQ(ListInsertItem(l, &v, -1), 1);  // -1 on an empty list appends
   EXPECT_EQ(Items(l), V{9});
-  ListDispose(l);
 
   l = ListOf({10, 20, 30, 40});
-  ListGetItem(l, &v, 0);
-  EXPECT_EQ(v, 40);
-  ListGetItem(l, &v, -1);
-  EXPECT_EQ(v, 10);
+  for (auto [pos, want] : {std::pair{0, 40}, {-1, 10}}) {
+    ListGetItem(l, &v, pos);
+    EXPECT_EQ(v, want) << pos;
+  }
   int a = 99, b = 11, two[2] = {1, 2};
   ListReplaceItem(l, &a, 0);
   ListReplaceItem(l, &b, -1);
   ListReplaceItems(l, two, 4, 2);     // runs past the end: nothing
   ListRemoveItems(l, nullptr, 1, 5);  // more than held: nothing
   EXPECT_EQ(Items(l), (V{11, 20, 30, 99}));
-  ListRemoveItem(l, &v, 0);
-  EXPECT_EQ(v, 99);
-  ListRemoveItem(l, &v, -1);
-  EXPECT_EQ(v, 11);
+  for (auto [pos, want] : {std::pair{0, 99}, {-1, 11}}) {
+    ListRemoveItem(l, &v, pos);
+    EXPECT_EQ(v, want) << pos;
+  }
   EXPECT_EQ(Items(l), (V{20, 30}));
   int out[2] = {0, 0};
   ListGetItems(l, out, 1, 3);  // out of range: untouched
@@ -309,23 +299,19 @@ TEST(List, PositionsForInsertGetReplaceRemove) {
   EXPECT_EQ(ListGetPtrToItem(l, 3), nullptr);
   EXPECT_EQ(*(int*)ListGetPtrToItem(l, 2), 30);
   EXPECT_EQ(ListGetPtrToItem(nullptr, 1), nullptr);
-  ListDispose(l);
 }
 
 // Automatic growth adds the whole scaled size (listSize * 110 / 100, at
 // least 4) plus the items being inserted.
 TEST(List, GrowthPreAllocationAndCompaction) {
-  ListType l = ListCreate(sizeof(int));
+  List l(ListCreate(sizeof(int)));
   int v = 1;
-  ListInsertItem(l, &v, 0);
-  EXPECT_EQ(Capacity(l), 5);  // minimum 4 plus the one inserted
-  for (int i = 0; i < 4; ++i) ListInsertItem(l, &v, 0);
-  EXPECT_EQ(Capacity(l), 5);
-  ListInsertItem(l, &v, 0);
-  EXPECT_EQ(Capacity(l), 5 + 5 + 1);
-  ListDispose(l);
+  for (int want : {5, 5, 5, 5, 5, 5 + 5 + 1}) {  // minimum 4 plus the one inserted, then full
+    ListInsertItem(l, &v, 0);
+    EXPECT_EQ(Capacity(l), want);
+  }
 
-  ListType big = ListCreate(1);
+  List big(ListCreate(1));
   ASSERT_EQ(ListPreAllocate(big, 100), 1);
   EXPECT_EQ(Capacity(big), 100);
   ASSERT_EQ(ListInsertItems(big, nullptr, 0, 100), 1);
@@ -333,10 +319,9 @@ TEST(List, GrowthPreAllocationAndCompaction) {
   ASSERT_EQ(ListInsertItem(big, &c, 0), 1);
   EXPECT_EQ(Capacity(big), 100 + 110 + 1);
   EXPECT_EQ(GetHandleSize(big), sizeof(ListStruct) + 211u);
-  ListDispose(big);
 
   // Many items into too few free slots.
-  l = ListCreate(sizeof(int));
+  l = List(ListCreate(sizeof(int)));
   ListPreAllocate(l, 3);
   ListInsertItem(l, &v, 0);  // 2 free slots remain
   V many(50);
@@ -346,7 +331,6 @@ TEST(List, GrowthPreAllocationAndCompaction) {
   EXPECT_LE(GetHandleSize(l), sizeof(ListStruct) + 4u * Capacity(l));
   many.push_back(1);
   EXPECT_EQ(Items(l), many);
-  ListDispose(l);
 
   l = ListOf({1, 2, 3});
   int cap = Capacity(l);
@@ -362,18 +346,17 @@ TEST(List, GrowthPreAllocationAndCompaction) {
   ListCompact(l);
   EXPECT_EQ(Capacity(l), 0);
   EXPECT_EQ(GetHandleSize(l), sizeof(ListStruct));
-  ListDispose(l);
   EXPECT_EQ(ListPreAllocate(nullptr, 3), 0);
 }
 
 TEST(List, CopyAppendEqual) {
-  ListType a = ListOf({1, 2, 3});
+  List a = ListOf({1, 2, 3});
   ListSetAllocationPolicy(a, 9, 50);
-  ListType c = ListCopy(a);
+  List c(ListCopy(a));
   ASSERT_NE(c, nullptr);
   EXPECT_EQ(Capacity(c), 3);
-  EXPECT_EQ(((ListStruct*)c->data)->minNumItemsIncrease, 9);
-  EXPECT_EQ(((ListStruct*)c->data)->percentIncrease, 50);
+  EXPECT_EQ(Header(c)->minNumItemsIncrease, 9);
+  EXPECT_EQ(Header(c)->percentIncrease, 50);
   EXPECT_EQ(ListEqual(a, c) + ListEqual(a, a), 2);
   EXPECT_EQ(ListEqual(a, nullptr), 0);
   int v = 4;
@@ -385,7 +368,7 @@ TEST(List, CopyAppendEqual) {
   EXPECT_EQ(Capacity(a), 7);
   EXPECT_EQ(ListAppend(a, a), 1);  // appending a list to itself
   EXPECT_EQ(Items(a), (V{1, 2, 3, 1, 2, 3, 4, 1, 2, 3, 1, 2, 3, 4}));
-  ListType bytes = ListCreate(1);
+  List bytes(ListCreate(1));
   char ch = 1;
   ListInsertItem(bytes, &ch, 0);
   EXPECT_EQ(ListAppend(a, bytes), 0);  // other item size
@@ -393,11 +376,10 @@ TEST(List, CopyAppendEqual) {
   EXPECT_EQ(ListAppend(a, nullptr), 1);
   EXPECT_EQ(ListAppend(nullptr, c), 0);
   EXPECT_EQ(ListEqual(bytes, a), 0);  // smaller items, never read past
-  for (ListType l : {bytes, a, c}) ListDispose(l);
 }
 
 TEST(List, OrderedInsertionSearchAndDuplicates) {
-  ListType l = ListCreate(sizeof(int));
+  List l(ListCreate(sizeof(int)));
   for (int v : {5, 1, 9, 5, 3, 7, 1}) ASSERT_EQ(ListInsertInOrder(l, &v, IntCompare), 1);
   EXPECT_EQ(Items(l), (V{1, 1, 3, 5, 5, 7, 9}));
   EXPECT_EQ(ListIsSorted(l, IntCompare), 1);
@@ -407,58 +389,53 @@ TEST(List, OrderedInsertionSearchAndDuplicates) {
   for (auto [from, want] : {std::pair{1, 4}, {5, 5}, {6, 0}, {8, 0}})
     EXPECT_EQ(ListFindItem(l, &five, from, IntCompare), want) << from;
   EXPECT_EQ(ListFindItem(l, &nine, 0, nullptr), 7);  // 0 starts at the last item
-  ListDispose(l);
 
   // An equal value goes directly before the equal item the search hit.
   struct P { int key, tag; };
-  ListType p = ListCreate(sizeof(P));
+  List p(ListCreate(sizeof(P)));
   P items[] = {{1, 0}, {2, 0}, {3, 0}}, n = {2, 1}, got;
   ListInsertItems(p, items, 0, 3);
   ListInsertInOrder(p, &n, IntCompare);
   ListGetItem(p, &got, 2);
   EXPECT_EQ(got.tag, 1);
-  ListDispose(p);
 
   l = ListOf({3, 1, 3, 2, 1, 3, 4, 2});
   ListRemoveDuplicates(l, IntCompare);
   EXPECT_EQ(Items(l), (V{3, 1, 2, 4}));  // the first of each kept, in order
-  ListDispose(l);
 }
 
 TEST(List, SortsApplyAndPointerLists) {
   for (auto sorter : {ListQuickSort, ListHeapSort, ListInsertionSort}) {
-    ListType l = ListOf({9, -3, 7, 0, 7, 2});
+    List l = ListOf({9, -3, 7, 0, 7, 2});
     sorter(l, IntCompare);
     EXPECT_EQ(Items(l), (V{-3, 0, 2, 7, 7, 9}));
-    ListDispose(l);
   }
-  ListType l = ListOf({1, 2, 3, 4});
+  List l = ListOf({1, 2, 3, 4});
   V seen;
   auto record = [](int index, void* item, void* data) -> int {
     static_cast<V*>(data)->push_back(index * 100 + *(int*)item);
     return *(int*)item == 2 ? -5 : 1;
   };
-  EXPECT_EQ(ListApplyToEach(l, 1, record, &seen), -5);
-  EXPECT_EQ(seen, (V{101, 202}));
-  seen.clear();
-  EXPECT_EQ(ListApplyToEach(l, 0, record, &seen), -5);
-  EXPECT_EQ(seen, (V{404, 303, 202}));
+  for (auto [ascending, want] : {std::pair{1, V{101, 202}}, {0, V{404, 303, 202}}}) {
+    seen.clear();
+    EXPECT_EQ(ListApplyToEach(l, ascending, record, &seen), -5);
+    EXPECT_EQ(seen, want);
+  }
   // A function that shrinks the list while walking.
   auto shrink = [](int index, void*, void* data) -> int {
-    ListRemoveItem(*(ListType*)data, nullptr, index);
+    ListRemoveItem((ListType)data, nullptr, index);
     return 0;
   };
-  EXPECT_EQ(ListApplyToEach(l, 1, shrink, &l), 0);
+  EXPECT_EQ(ListApplyToEach(l, 1, shrink, (ListType)l), 0);
   EXPECT_EQ(Items(l), (V{2, 4}));
-  ListDispose(l);
   EXPECT_EQ(ListApplyToEach(nullptr, 1, record, &seen), 0);
 
-  l = ListCreate(sizeof(char*));
+  ListType ptrs = ListCreate(sizeof(char*));
   for (int i = 0; i < 3; ++i) {
     char* s = (char*)malloc(8);
-    ListInsertItem(l, &s, 0);
+    ListInsertItem(ptrs, &s, 0);
   }
-  ListDisposePtrList(l);  // leaks show under the sanitizer build
+  ListDisposePtrList(ptrs);  // leaks show under the sanitizer build
 }
 
 }  // namespace
