@@ -1,12 +1,12 @@
-// Shared helpers of the driver-core tests: a driver reset, a hand-filled
-// shared block, interrupt report bodies and a recorder for the host's
-// interrupt callback.  The host-side helpers come with the simulated-bridge
-// fixture of the driver-sim tests.
+// Driver-core helpers beside the driver-sim fixture: a driver reset, a
+// hand-filled block, interrupt reports and a recorder for the host's callback.
 #pragma once
 
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <ostream>
+#include <utility>
 
 #include "inifile.h"
 #include "simhost.h"
@@ -16,26 +16,14 @@ namespace dc {
 using namespace sh;
 using Bytes = std::vector<uint8_t>;
 
-inline void put32(Bytes& b, uint32_t v) {
-  const size_t n = b.size();
-  b.resize(n + 4);
-  memcpy(b.data() + n, &v, 4);
-}
-
-// An interrupt report body: cmd, then (line, status/ID) pairs.
+// An interrupt report body: cmd, the pair count, then (line, status/ID) pairs.
 inline Bytes report(std::initializer_list<std::pair<uint32_t, uint32_t>> pairs, uint32_t cmd = 1) {
-  Bytes b;
-  put32(b, cmd);
-  put32(b, (uint32_t)pairs.size());
-  for (auto& p : pairs) put32(b, p.first), put32(b, p.second);
+  Bytes b = bytesOf({cmd, (uint32_t)pairs.size()});
+  for (auto& p : pairs) {
+    Bytes w = bytesOf({p.first, p.second});
+    b.insert(b.end(), w.begin(), w.end());
+  }
   return b;
-}
-
-// One instrument section of a bridge's resource text.
-inline std::string instr(int n, const std::string& name, int la) {
-  return "[INSTR" + std::to_string(n) + "]\nINTF_NUM=1\nRSRC_NAME=" + name + "\nVXI_LA=" + std::to_string(la) +
-         "\nMAINFRAME_LA=0\nMANF_ID=4095\nMODEL_CODE=1234\nSLOT=" + std::to_string(n) +
-         "\nVXI_DEV_CLASS=2\noffsetA16=49152\nsizeA16=64\noffsetA24=0\nsizeA24=0\noffsetA32=0\nsizeA32=0\n";
 }
 
 // Parses a bridge text the way discovery does.
@@ -57,41 +45,37 @@ inline void resetDriver() {
   hMapObject = nullptr;
 }
 
-// --------------------------------------------------- interrupt recorder
-
+// The interrupt recorder behind the host's callback.
+constexpr uint32_t kIntr = VI_EVENT_VXI_VME_INTR;
 struct Event {
   uint32_t type;
   uint16_t intf;
   uint32_t instr;
   uint64_t statID;
   uint64_t line;
+  bool operator==(const Event&) const = default;
 };
-struct Recorder {
-  std::mutex m;
-  std::condition_variable cv;
-  std::vector<Event> ev;
-};
-inline Recorder& rec() {
-  static Recorder r;
-  return r;
+inline void PrintTo(const Event& e, std::ostream* os) {
+  *os << "{intf " << e.intf << ", instr " << e.instr << ", statID 0x" << std::hex << e.statID << std::dec
+      << ", line " << e.line << (e.type == kIntr ? "}" : ", not an interrupt}");
 }
+inline std::mutex evMutex;
+inline std::condition_variable evCv;
+inline std::vector<Event> evList;
 inline void onEvent(ViUInt32 type, ViUInt16 intf, ViUInt32 instr, ViAttrState statID, ViAttrState line) {
-  std::lock_guard<std::mutex> g(rec().m);
-  rec().ev.push_back({type, intf, instr, statID, line});
-  rec().cv.notify_all();
+  std::lock_guard<std::mutex> g(evMutex);
+  evList.push_back({type, intf, instr, statID, line});
+  evCv.notify_all();
 }
-inline std::vector<Event> events() {
-  std::lock_guard<std::mutex> g(rec().m);
-  return rec().ev;
-}
-inline void clearEvents() {
-  std::lock_guard<std::mutex> g(rec().m);
-  rec().ev.clear();
+// The events so far, taken out of the recorder.
+inline std::vector<Event> takeEvents() {
+  std::lock_guard<std::mutex> g(evMutex);
+  return std::exchange(evList, {});
 }
 // Waits (bounded, generously) until n events have arrived.
 inline bool waitEvents(size_t n) {
-  std::unique_lock<std::mutex> l(rec().m);
-  return rec().cv.wait_for(l, std::chrono::seconds(10), [&] { return rec().ev.size() >= n; });
+  std::unique_lock<std::mutex> l(evMutex);
+  return evCv.wait_for(l, std::chrono::seconds(10), [&] { return evList.size() >= n; });
 }
 
 // A block and a driver mutex filled by hand: no network, no discovery.

@@ -1,8 +1,6 @@
-// The driver used the way a host uses it, against the simulated bridge: a
-// resource-manager file in the user's configuration directory, tcpvxi_start,
-// vintfOpenDevice, attribute look-ups to find the instruments.  Shared by the
-// driver-core tests.  Every case runs in a namespace of its own, so the
-// simulators may listen on 127.0.0.2 and 127.0.0.3 at the fixed port.
+// The driver used the way a host uses it, against simulated bridges on
+// 127.0.0.2 and 127.0.0.3 (every case has a network namespace of its own): a
+// resource-manager file, tcpvxi_start, vintfOpenDevice, attribute look-ups.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -63,6 +61,21 @@ inline uint32_t word(const std::vector<uint8_t>& b, size_t i) {
   return v;
 }
 
+// The first n words of a command.
+inline std::vector<uint32_t> head(const std::vector<uint8_t>& c, size_t n) {
+  std::vector<uint32_t> w;
+  for (size_t i = 0; i < n; i++) w.push_back(word(c, i));
+  return w;
+}
+
+// Little-endian words as bytes, as the bridge's answers carry them.
+inline std::vector<uint8_t> bytesOf(std::initializer_list<uint32_t> ws) {
+  std::vector<uint8_t> b;
+  for (uint32_t w : ws)
+    for (int i = 0; i < 4; i++) b.push_back((uint8_t)(w >> (8 * i)));
+  return b;
+}
+
 // Commands of one code among those the bridge received.
 inline std::vector<std::vector<uint8_t>> commandsOf(const bridgesim::Server& s, uint32_t code) {
   std::vector<std::vector<uint8_t>> r;
@@ -81,12 +94,6 @@ inline uint64_t attr64(uint16_t intf, uint32_t n, uint32_t id) {
   EXPECT_EQ(0, vintfGetRsrcAttr(intf, n, id, &v)) << std::hex << id;
   return v;
 }
-inline std::string attrStr(uint16_t intf, uint32_t n, uint32_t id) {
-  char buf[128];
-  memset(buf, 'X', sizeof buf);
-  EXPECT_EQ(0, vintfGetRsrcAttr(intf, n, id, buf)) << std::hex << id;
-  return std::string(buf, strnlen(buf, sizeof buf));
-}
 
 // True while the driver mutex is free (takes and gives it back).
 inline bool mutexFree() {
@@ -95,8 +102,7 @@ inline bool mutexFree() {
   return true;
 }
 
-// The index of the instrument at logical address la, found through the
-// attributes as a host finds it; -1 when there is none.
+// The index of the instrument at logical address la, as a host finds it; -1 if none.
 inline int instrumentAt(uint16_t intf, int la) {
   ViUInt32 n = 0;
   if (vintfGetNumRsrc(intf, &n) != 0) return -1;
@@ -108,8 +114,7 @@ inline int instrumentAt(uint16_t intf, int la) {
 // A16 address of a device's configuration registers.
 inline ViBusAddress configBase(int la) { return 0xC000u + 0x40u * (unsigned)la; }
 
-// Simulators on the given loopback addresses, the driver started and opened
-// on all of them.
+// Simulators on the given addresses, the driver started and opened on them.
 class SimHost : public ::testing::Test {
  protected:
   explicit SimHost(std::vector<std::string> addrs = {"127.0.0.2"}) : addrs_(std::move(addrs)) {}
@@ -143,6 +148,11 @@ class SimHost : public ::testing::Test {
     bridgesim::CommandFaults f = sims[i]->commandFaults();
     edit(f);
     sims[i]->setCommandFaults(f);
+  }
+  // The first n words of the last command of this code simulator i received.
+  std::vector<uint32_t> lastHead(uint32_t code, size_t n, size_t i = 0) {
+    auto c = commandsOf(*sims[i], code);
+    return c.empty() ? std::vector<uint32_t>{} : head(c.back(), n);
   }
   // The instrument's index, required to exist.
   int need(int la, uint16_t intf = 0) {
