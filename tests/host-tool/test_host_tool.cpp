@@ -25,61 +25,26 @@ namespace {
 const std::string kTool = KV_BUILD_DIR "/tools/tcpvxi-host/tcpvxi-host";
 const std::string kLib = KV_BUILD_DIR "/libtcpvxi.so";
 
-// The text a terminal shows after receiving `raw`: the line editor's cursor
-// movements and erasures applied, lines joined by '\n'.  Enough of a
-// terminal for readline on an xterm.
+// The text a terminal shows after receiving `raw`.  On a "dumb" terminal
+// readline redraws a line with carriage returns, backspaces and blanks only.
 std::string screenText(const std::string& raw) {
-  std::vector<std::string> lines(1);
-  size_t row = 0, col = 0;
-  for (size_t i = 0; i < raw.size(); i++) {
-    char c = raw[i];
-    if (row >= lines.size()) lines.resize(row + 1);
-    std::string& l = lines[row];
+  std::string screen, line;  // the lines above the cursor, the cursor's line
+  size_t col = 0;
+  for (char c : raw) {
     if (c == '\r') {
       col = 0;
     } else if (c == '\n') {
-      row++;
+      screen += line + "\n";
+      line.clear();
+      col = 0;
     } else if (c == '\b') {
       col -= col > 0;
-    } else if (c == '\x1b' && i + 1 < raw.size() && raw[i + 1] == '[') {
-      size_t j = i + 2;
-      while (j < raw.size() && !(raw[j] >= 0x40 && raw[j] <= 0x7E)) j++;
-      if (j >= raw.size()) break;
-      std::string par = raw.substr(i + 2, j - i - 2);
-      size_t n = par.empty() || par[0] == '?' ? 0 : std::stoul(par);
-      switch (raw[j]) {
-        case 'K':  // erase in line
-          if (n == 0 && col < l.size()) l.resize(col);
-          if (n == 2) l.clear();
-          break;
-        case 'J':  // erase below
-          if (col < l.size()) l.resize(col);
-          lines.resize(row + 1);
-          break;
-        case 'C': col += n ? n : 1; break;
-        case 'D': col -= std::min(col, n ? n : 1); break;
-        case 'A': row -= std::min(row, n ? n : 1); break;
-        case 'B': row += n ? n : 1; break;
-        case 'G': col = n ? n - 1 : 0; break;
-        case 'P':  // delete characters
-          if (col < l.size()) l.erase(col, n ? n : 1);
-          break;
-        case '@':  // insert blanks
-          if (col < l.size()) l.insert(col, n ? n : 1, ' ');
-          break;
-        default: break;  // modes and colours change no text
-      }
-      i = j;
-    } else if (c == '\x1b') {
-      i++;  // a two-byte sequence (keypad modes)
     } else if (c != '\a') {
-      if (l.size() <= col) l.resize(col + 1, ' ');
-      l[col++] = c;
+      if (line.size() <= col) line.resize(col + 1, ' ');
+      line[col++] = c;
     }
   }
-  std::string s;
-  for (auto& l : lines) s += l + "\n";
-  return s;
+  return screen + line + "\n";
 }
 
 // The tool as a child process, on pipes (standard output and error merged)
@@ -104,7 +69,7 @@ struct Child {
         dup2(pout[1], 1);
         dup2(pout[1], 2);
       }
-      setenv("TERM", "xterm", 1);
+      setenv("TERM", "dumb", 1);  // no escape sequences to interpret
       execv(args[0], args.data());
       _exit(127);
     }
