@@ -216,27 +216,12 @@ TEST_F(HostTool, DiagnosticsSayWhatIsWrong) {
 
 // Another host (127.0.0.2) holds the bridge's lock: open says so.
 TEST_F(HostTool, OpenTellsALockRefusedBridge) {
-  using namespace kt;
-  auto from2 = [] {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in me = addr("127.0.0.2", 0), bridge = addr("127.0.0.1", 4880);
-    EXPECT_EQ(0, bind(fd, (sockaddr*)&me, sizeof me));
-    EXPECT_EQ(0, connect(fd, (sockaddr*)&bridge, sizeof bridge));
-    return fd;
-  };
-  int fd = from2(), afd = from2();
-  ASSERT_TRUE(sendMsg(fd, 0, 0, 0x01000E76, "inst0"));  // Initialize
-  Msg init = readMsg(fd);
-  ASSERT_EQ(1, init.type);
-  ASSERT_TRUE(sendMsg(afd, 17, 0, init.param & 0xFFFF));  // AsyncInitialize
-  ASSERT_EQ(18, readMsg(afd).type);
-  ASSERT_TRUE(sendMsg(fd, 128, 0, 0, words({1, 1000})));  // lock the bridge to 127.0.0.2
-  ASSERT_EQ(128, readMsg(fd).type);
+  const std::string lock = kt::words({1, 1000});
+  bridgesim::HostId other{kt::addr("127.0.0.2", 0).sin_addr.s_addr, 99};
+  sim_->bridge().handleCommand(other, (const uint8_t*)lock.data(), lock.size());
   std::string out;
   EXPECT_EQ(0, tool("start;open;stop", &out)) << out;
   expectAll(out, {"TCP-VXI0 127.0.0.1 \"simulated mainframe\": lock-refused: the bridge answers but would not lock"});
-  close(fd);
-  close(afd);
 }
 
 TEST_F(HostTool, ConfigEditsTheFileWithABackup) {
