@@ -12,7 +12,6 @@
 #include <chrono>
 #include <cstdio>
 #include <fstream>
-#include <thread>
 
 #include "simhost.h"
 #include "testkit.h"
@@ -155,7 +154,12 @@ void expectAll(const std::string& out, const std::vector<std::string>& want) {
 class HostTool : public ::testing::Test {
  protected:
   void SetUp() override {
-    sim_ = sh::startSim("127.0.0.1");
+    bridgesim::ServerOptions o;
+    o.rawPort = 5025;  // the raw-socket instrument behind 'instr ...::SOCKET'
+    o.verbosity = 0;
+    o.logSink = [](const std::string&) {};
+    sim_ = std::make_unique<bridgesim::Server>(o);
+    sim_->start();
     sh::writeResmanText(kResman);
   }
   std::unique_ptr<bridgesim::Server> sim_;
@@ -365,29 +369,9 @@ TEST_F(HostTool, InstrumentsOverHislipAndVxi11) {
   expectAll(out, {"\"queries\":20", "\"queries_per_s\":", "\"p99\":"});
   EXPECT_EQ(1, tool("", &out, {"instr", "TCPIP::127.0.0.1::hislip0::FOO", "query", "x"})) << out;
   expectAll(out, {"error: not a TCPIP resource"});
-  // A raw socket instrument: answers each line with "echo:" and the line.
-  int ls = kt::listenOn("127.0.0.1", 5025);
-  ASSERT_GE(ls, 0);
-  std::thread raw([ls] {
-    int c = accept(ls, nullptr, nullptr);
-    std::string line;
-    char ch;
-    while (c >= 0 && read(c, &ch, 1) == 1)
-      if (ch != '\n') line += ch;
-      else {
-        std::string a = "echo:" + line + "\n";
-        if (write(c, a.data(), a.size()) < 0) break;
-        line.clear();
-      }
-    close(c);
-  });
-  EXPECT_EQ(0, tool("instr TCPIP::127.0.0.1::5025::SOCKET query \"a b\";instr TCPIP::127.0.0.1::5025::SOCKET write x\\n;"
-                    "instr TCPIP::127.0.0.1::5025::SOCKET read",
-                    &out))
-      << out;
-  raw.join();
-  close(ls);
-  expectAll(out, {"\"echo:a b\\n\"  [VI_SUCCESS", "\"echo:x\\n\"  [VI_SUCCESS"});
+  const std::string raw = "instr TCPIP::127.0.0.1::5025::SOCKET ";
+  EXPECT_EQ(0, tool(raw + "query *IDN?;" + raw + "write *TST?\\n;" + raw + "read", &out)) << out;
+  expectAll(out, {"\"Simulated,LAN-VXI Bridge,SIM0001,1.0\\n\"  [VI_SUCCESS", "\"0\\n\"  [VI_SUCCESS"});
 #ifdef KV_HAVE_VXI11SIM
   vxi11sim::Options o;
   o.portmap = vxi11sim::PortmapMode::Own;
