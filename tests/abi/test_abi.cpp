@@ -139,7 +139,8 @@ TEST(Abi, ExactlyTheListedNamesInTheirForm) {
   ASSERT_TRUE(s.ok) << "nm failed on " << kLibrary;
   std::set<std::string> plain, cpp;
   for (auto* v : {&kPlainPlatform, &kPlainTransportData, &kPlainDriver}) plain.insert(v->begin(), v->end());
-  for (auto* v : {&kCppTransport, &kCppVxi11, &kCppIni, &kCppToolbox, &kCppDriver}) cpp.insert(v->begin(), v->end());
+  for (auto* v : {&kCppTransport, &kCppVxi11, &kCppIni, &kCppToolbox, &kCppDriver})
+    cpp.insert(v->begin(), v->end());
   for (auto& n : plain) EXPECT_TRUE(s.plain.count(n)) << n << " is not exported under its plain name";
   for (auto& n : cpp) EXPECT_TRUE(s.cpp.count(n)) << n << " is not exported under its C++ name";
   // isNT: declared for the platform unit's interface.

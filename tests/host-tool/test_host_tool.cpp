@@ -264,7 +264,8 @@ TEST_F(HostTool, GrammarStatusesAndEveryEntryPoint) {
 // Commands on standard input (not a terminal), one JSON object per command.
 TEST_F(HostTool, JsonObjectPerCommandParsesBack) {
   Child c({kTool, "--lib", kLib, "--json"});
-  c.write("start\nopen\nlist\nin16 0 a16 0xD900\nstate 0\nws-query 0 la:99 x\nmovein16 0 a24 0x200000 2\nbogus\nstop\n");
+  c.write("start\nopen\nlist\nin16 0 a16 0xD900\nstate 0\nws-query 0 la:99 x\nmovein16 0 a24 0x200000 2\n"
+          "bogus\nstop\n");
   EXPECT_EQ(1, c.finish()) << c.text;
   const std::string& out = c.text;
   std::string file = std::string(getenv("HOME")) + "/out.json";

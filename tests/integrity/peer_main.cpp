@@ -44,8 +44,9 @@ struct Driver {
   bool load(const char* lib) {
     h = dlopen(lib, RTLD_NOW | RTLD_LOCAL);
     return h && sym(&start, "tcpvxi_start") && sym(&stop, "tcpvxi_stop") && sym(&open, "vintfOpenDevice") &&
-           sym(&in32, "vintfIn32") && sym(&moveIn32, "vintfMoveIn32") && sym(&wsWrt, "_Z10vintfWSwrttjjPcitPi") &&
-           sym(&wsRd, "_Z9vintfWSrdtjjPcitcPi") && sym(&wsCmd, "_Z10vintfWScmdtjjttPt");
+           sym(&in32, "vintfIn32") && sym(&moveIn32, "vintfMoveIn32") &&
+           sym(&wsWrt, "_Z10vintfWSwrttjjPcitPi") && sym(&wsRd, "_Z9vintfWSrdtjjPcitcPi") &&
+           sym(&wsCmd, "_Z10vintfWScmdtjjttPt");
   }
 };
 
