@@ -3,12 +3,16 @@
 #define TESTS_BSIM_H
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdint>
+#include <algorithm>
 #include <cstring>
+#include <fstream>
 #include <initializer_list>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "bridge.h"
@@ -38,6 +42,15 @@ inline uint32_t word(const std::vector<uint8_t>& a, size_t i) {
   return x;
 }
 
+// The text of a Word Serial read answer (status, count, bytes).
+inline std::string text(const std::vector<uint8_t>& a) {
+  if (a.size() < 8) return "<short>";
+  return std::string(a.begin() + 8, a.begin() + 8 + std::min<size_t>(word(a, 1), a.size() - 8));
+}
+
+// A single read's status and value, compared as one.
+using Read = std::pair<uint32_t, uint32_t>;
+
 // A bridge plus the interrupt reports it broadcasts.
 struct Rig {
   explicit Rig(const std::string& ini = std::string()) : b(ini) {
@@ -53,20 +66,19 @@ struct Rig {
   uint32_t st(std::initializer_list<uint32_t> w) { return word(cmd(w), 0); }
 
   // single accesses
-  uint32_t read(uint32_t space, uint32_t width, uint32_t addr, uint32_t* v) {
+  Read read(uint32_t space, uint32_t width, uint32_t addr) {
     auto a = cmd({4 | space | width, 0, addr});
-    *v = word(a, 1);
-    return word(a, 0);
+    return {word(a, 0), word(a, 1)};
   }
   uint32_t write(uint32_t space, uint32_t width, uint32_t addr, uint32_t v) {
     return st({5 | space | width, 1000, addr, v});
   }
   // Word Serial
-  std::vector<uint8_t> wsWrite(unsigned la, const std::string& s, bool end = true) {
-    auto c = words({13u | la << 8 | (end ? 0x02000000u : 0u), 1, uint32_t(s.size())});
+  std::vector<uint8_t> wsWrite(unsigned la, const std::string& s, bridgesim::HostId h = {0x0100007F, 1}) {
+    auto c = words({13u | la << 8 | 0x02000000u, 1, uint32_t(s.size())});  // with END
     c.insert(c.end(), s.begin(), s.end());
     while (c.size() % 4) c.push_back(0);
-    return cmd(c);
+    return cmd(c, h);
   }
   std::vector<uint8_t> wsRead(unsigned la, uint32_t count, uint32_t mods = 0, uint32_t tmo = 1) {
     return cmd({12u | la << 8 | mods, tmo, count});
@@ -81,20 +93,16 @@ struct Rig {
     return {};
   }
   std::string query(unsigned la, const std::string& q) {
-    auto w = wsWrite(la, q);
-    EXPECT_EQ(0u, word(w, 0));
+    EXPECT_EQ(0u, word(wsWrite(la, q), 0));
     auto a = wsReadReady(la, 256);
-    if (word(a, 0) & 0x80000000u) return "<error>";
-    return std::string(a.begin() + 8, a.begin() + 8 + word(a, 1));
+    return word(a, 0) & 0x80000000u ? "<error>" : text(a);
   }
   std::vector<uint8_t> wsCmd(unsigned la, uint32_t mods, uint32_t command, uint32_t tmo = 1) {
     return cmd({14u | la << 8 | mods, tmo, command});
   }
   std::vector<std::vector<uint8_t>> takeReports() {
     std::lock_guard<std::mutex> g(m);
-    auto r = reports;
-    reports.clear();
-    return r;
+    return std::exchange(reports, {});
   }
 
   // Declared before the bridge: its timer thread may report until the
@@ -103,6 +111,14 @@ struct Rig {
   std::vector<std::vector<uint8_t>> reports;
   bridgesim::Bridge b;
 };
+
+// A mainframe description in a temporary file; the process id keeps
+// parallel runs from several build trees apart.
+inline std::string writeIni(const std::string& name, const std::string& body) {
+  std::string path = ::testing::TempDir() + std::to_string(getpid()) + "-" + name;
+  std::ofstream(path) << body;
+  return path;
+}
 
 // Configuration register address of a logical address.
 inline uint32_t cfg(unsigned la, unsigned off) { return 0xC000 + 0x40 * la + off; }

@@ -1,21 +1,10 @@
 // Mainframes described by INI files.
-#include <unistd.h>
-
-#include <fstream>
-
 #include "bsim.h"
 
 using namespace bsim;
 
 namespace {
 std::string source(const char* rel) { return std::string(KV_SOURCE_DIR) + "/tools/bridge-sim/mainframes/" + rel; }
-
-std::string writeIni(const std::string& name, const std::string& body) {
-  // The process id keeps parallel runs from several build trees apart.
-  std::string path = ::testing::TempDir() + std::to_string(getpid()) + "-" + name;
-  std::ofstream(path) << body;
-  return path;
-}
 
 std::string refusal(const std::string& body) {
   try {
@@ -34,39 +23,28 @@ TEST(MainframeIni, DefaultFileDescribesTheBuiltInMainframe) {
   auto& b = fromFile.mainframe();
   ASSERT_EQ(a.deviceCount(), b.deviceCount());
   for (size_t i = 0; i < a.deviceCount(); ++i) {
-    const auto &x = a.device(i).desc(), &y = b.device(i).desc();
-    EXPECT_EQ(x.kind, y.kind) << x.name;
-    EXPECT_EQ(x.identity, y.identity) << x.name;
-    EXPECT_EQ(x.irqLine, y.irqLine) << x.name;
-    EXPECT_EQ(x.fifoOffset, y.fifoOffset) << x.name;
-    EXPECT_EQ(x.fifoSamples, y.fifoSamples) << x.name;
-    EXPECT_EQ(x.longword, y.longword) << x.name;
-    EXPECT_EQ(x.rampMemory, y.rampMemory) << x.name;
-    EXPECT_EQ(x.reading, y.reading) << x.name;
+    auto fields = [](const auto& d) {  // what the resource text does not show
+      return std::tie(d.kind, d.identity, d.irqLine, d.fifoOffset, d.fifoSamples, d.longword, d.rampMemory, d.reading);
+    };
+    EXPECT_EQ(fields(a.device(i).desc()), fields(b.device(i).desc())) << a.device(i).desc().name;
   }
 }
 
 TEST(MainframeIni, SecondExampleWithFixedWindowsAndAFailedDevice) {
   Rig r(source("example-2.ini"));
   std::string t = r.b.resourceText();
-  EXPECT_NE(std::string::npos, t.find("NumInstr=5\n"));
-  EXPECT_NE(std::string::npos, t.find("INTF_NUM=2\nRSRC_NAME=VXI1::3::INSTR\n"));
-  EXPECT_NE(std::string::npos, t.find("VXI_LA=64\n"));
-  EXPECT_NE(std::string::npos, t.find("offsetA24=4194304\nsizeA24=65536\n"));
-  EXPECT_NE(std::string::npos, t.find("offsetA32=1073741824\nsizeA32=524288\n"));
-  auto s = r.cmd({3, 0});
-  EXPECT_EQ(3u, word(s, 1)) << "SYSFAIL from the device that failed its self-test";
-  uint32_t v = 0;
-  EXPECT_EQ(0u, r.read(A16, D16, cfg(65, 4), &v));
-  EXPECT_EQ(0u, v & 0x0004) << "Passed clear";
-  EXPECT_EQ(0u, r.read(A16, D16, cfg(65, 0), &v));
-  EXPECT_EQ(0x5F10u, v) << "extended class, A32";
+  for (const char* line : {"NumInstr=5\n", "INTF_NUM=2\nRSRC_NAME=VXI1::3::INSTR\n", "VXI_LA=64\n",
+                           "offsetA24=4194304\nsizeA24=65536\n", "offsetA32=1073741824\nsizeA32=524288\n"})
+    EXPECT_NE(std::string::npos, t.find(line)) << line;
+  EXPECT_EQ(words({0, 3}), r.cmd({3, 0})) << "SYSFAIL from the device that failed its self-test";
+  auto [st, status] = r.read(A16, D16, cfg(65, 4));
+  EXPECT_EQ(Read(0, 0), Read(st, status & 0x0004)) << "Passed clear";
+  EXPECT_EQ(Read(0, 0x5F10), r.read(A16, D16, cfg(65, 0))) << "extended class, A32";
   // SYSFAIL inhibit silences it
   EXPECT_EQ(0u, r.write(A16, D16, cfg(65, 4), 0x8002));
   EXPECT_EQ(1u, word(r.cmd({3, 0}), 1));
   // the acquisition card's FIFO at 0x30 with 16 samples
-  auto a = r.cmd({7 | A16 | D16, 0, cfg(64, 0x30), 20});
-  EXPECT_EQ(16u, word(a, 1));
+  EXPECT_EQ(16u, word(r.cmd({7 | A16 | D16, 0, cfg(64, 0x30), 20}), 1));
   EXPECT_EQ("Simulated,FastMeter,SIM5,1.0\n", r.query(5, "*IDN?\n"));
 }
 
@@ -93,17 +71,11 @@ TEST(MainframeIni, ResourceManagerPlacesWindowsAroundFixedOnes) {
                  "[Huge]\nLA=4\nSPACE=A32\nM=0\n"));               // 2 GiB: 0x80000000
   std::string t = r.b.resourceText();
   EXPECT_NE(std::string::npos, t.find("VXI_LA=2\n"));
-  uint32_t v = 0;
-  EXPECT_EQ(0u, r.read(A16, D16, cfg(2, 6), &v));
-  EXPECT_EQ(0x3000u, v);
-  EXPECT_EQ(0u, r.read(A16, D16, cfg(3, 6), &v));
-  EXPECT_EQ(0x2100u, v);
-  EXPECT_EQ(0u, r.read(A16, D16, cfg(4, 6), &v));
-  EXPECT_EQ(0x8000u, v);
+  EXPECT_EQ(Read(0, 0x3000), r.read(A16, D16, cfg(2, 6)));
+  EXPECT_EQ(Read(0, 0x2100), r.read(A16, D16, cfg(3, 6)));
+  EXPECT_EQ(Read(0, 0x8000), r.read(A16, D16, cfg(4, 6)));
   // 2 GiB of sparse memory: the far end works without making it all
   EXPECT_EQ(0u, r.write(A32, D32, 0xFFFFFFFC, 0x01020304));
-  EXPECT_EQ(0u, r.read(A32, D32, 0xFFFFFFFC, &v));
-  EXPECT_EQ(0x01020304u, v);
-  EXPECT_EQ(0u, r.read(A24, D16, 0x210000 + 6, &v));
-  EXPECT_EQ(3u, v);
+  EXPECT_EQ(Read(0, 0x01020304), r.read(A32, D32, 0xFFFFFFFC));
+  EXPECT_EQ(Read(0, 3), r.read(A24, D16, 0x210000 + 6));
 }

@@ -1,11 +1,5 @@
-// Word Serial commands 12 to 15 at the level the driver never shows: the
-// protocol register bits, byte-at-a-time transfers, refusals, bus errors and
-// interrupts of a slow instrument.  Whole messages, status byte, clear and
-// the 16/32-bit responses are checked end to end by the driver tests.
-#include <cstdio>
-#include <unistd.h>
-
-#include <fstream>
+// Word Serial commands 12 to 15 below what the driver shows: protocol register
+// bits, byte transfers, refusals, bus errors, a slow instrument's interrupt.
 #include <thread>
 
 #include "bsim.h"
@@ -16,56 +10,48 @@ namespace {
 constexpr unsigned kDmm = 16, kSwitch = 32;
 constexpr uint32_t kSend16 = 0x04000000, kSend32 = 0x08000000, kRead16 = 0x10000000, kRead32 = 0x20000000;
 
-std::string text(const std::vector<uint8_t>& a) {
-  if (a.size() < 8) return "<short>";
-  return std::string(a.begin() + 8, a.begin() + 8 + std::min<size_t>(word(a, 1), a.size() - 8));
-}
-
-// A mainframe whose multimeter takes long enough that "not ready yet" is
-// certain right after the query.
-std::string slowMeterIni() {
-  std::string path = ::testing::TempDir() + std::to_string(getpid()) + "-slow-meter.ini";
-  std::ofstream f(path);
-  f << "[Meter]\nLA=7\nCLASS=message\nKIND=dmm\nMEAS_DELAY_MS=400\nREADING=2.5\nIRQ=6\n";
-  return path;
-}
+// A multimeter slow enough that "not ready yet" is certain right after the query.
+const char* kSlowMeter = "[Meter]\nLA=7\nCLASS=message\nKIND=dmm\nMEAS_DELAY_MS=400\nREADING=2.5\nIRQ=6\n";
 }  // namespace
 
 TEST(WordSerial, SlowMeasurementAndTriggeredMeasurementWithItsInterrupt) {
-  Rig r(slowMeterIni());
+  Rig r(writeIni("slow-meter.ini", kSlowMeter));
   EXPECT_EQ(0u, word(r.wsWrite(7, "MEAS:VOLT?\n"), 0));
-  EXPECT_EQ((std::vector<uint8_t>(words({kTmo, 0}))), r.wsRead(7, 256));
+  EXPECT_EQ(words({kTmo, 0}), r.wsRead(7, 256));
   // while the answer is being made the instrument takes no input (DIR clear)
-  EXPECT_EQ((std::vector<uint8_t>(words({kTmo, 0}))), r.wsWrite(7, "*CLS\n"));
+  EXPECT_EQ(words({kTmo, 0}), r.wsWrite(7, "*CLS\n"));
   EXPECT_EQ(kTmo, r.st({15 | 7 << 8, 1, 0x2000})) << "DOR not set yet";
   EXPECT_EQ(0u, r.st({15 | 7 << 8, 5000, 0x2000})) << "the bridge waits for DOR";
   auto a = r.wsReadReady(7, 256);
   EXPECT_EQ(2u, word(a, 0));
   EXPECT_EQ("+2.500000E+00\n", text(a));
 
-  // Triggered the way the driver does it; when done, request true from
-  // LA 7 on line 6.
+  // Triggered the way the driver does it; when done, request true from LA 7 on line 6.
   r.wsWrite(7, "TRIG:SOUR BUS;INIT\n");
   EXPECT_EQ(0u, r.st({15 | 7 << 8, 1000, 0x1200}));
   EXPECT_EQ(0u, word(r.wsCmd(7, kSend16, 0xEDFF), 0));
   EXPECT_EQ("+2.500000E+00\n", r.query(7, "FETC?\n"));
   std::vector<std::vector<uint8_t>> rep;
-  for (int i = 0; i < 5000 && rep.empty(); ++i) {
-    rep = r.takeReports();
-    if (rep.empty()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  ASSERT_EQ(1u, rep.size());
-  EXPECT_EQ((std::vector<uint8_t>(words({1, 1, 6, 0xFD07}))), rep[0]);
+  for (int i = 0; i < 5000 && (rep = r.takeReports()).empty(); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  EXPECT_EQ(decltype(rep){words({1, 1, 6, 0xFD07})}, rep);
 }
 
-TEST(WordSerial, ProtocolBitsByteTransfersRefusalsAndBusErrors) {
+TEST(WordSerial, RegisterLevelProtocolByteTransfersRefusalsAndBusErrors) {
   Rig r;
+  // what a commander does without the bridge: poll WR, write Data Low, poll RR, read Data Low
+  ASSERT_TRUE(r.read(A16, D16, cfg(kDmm, 0x0A)).second & 0x0200) << "WR";
+  EXPECT_EQ(0u, r.write(A16, D16, cfg(kDmm, 0x0E), 0xCFFF));
+  ASSERT_TRUE(r.read(A16, D16, cfg(kDmm, 0x0A)).second & 0x0400) << "RR";
+  EXPECT_EQ(Read(0, 0xFF00), r.read(A16, D16, cfg(kDmm, 0x0E)));
+  EXPECT_EQ(kBerr, r.read(A16, D16, cfg(kDmm, 0x0E)).first) << "no response waiting";
+  // a longword command as one 32-bit write of Data High and Data Low
+  EXPECT_EQ(0u, r.write(A16, D32, cfg(kDmm, 0x0C), 0x0001CFFF));
+  EXPECT_EQ(Read(0, 0x0001FF00), r.read(A16, D32, cfg(kDmm, 0x0C)));
   r.wsWrite(kDmm, "*IDN?\n");
   // a command sent alone leaves its response waiting (RR)
   EXPECT_EQ(0u, word(r.wsCmd(kDmm, kSend16, 0xDFFF), 0));
-  uint32_t resp = 0;
-  EXPECT_EQ(0u, r.read(A16, D16, cfg(kDmm, 0x0A), &resp));
-  EXPECT_TRUE(resp & 0x0400) << "RR";
+  EXPECT_TRUE(r.read(A16, D16, cfg(kDmm, 0x0A)).second & 0x0400) << "RR";
   EXPECT_EQ(0x1005u, word(r.wsCmd(kDmm, kRead16, 0xFFFF), 1));
   EXPECT_EQ(kTmo, word(r.wsCmd(kDmm, kRead16, 0xFFFF), 0)) << "nothing pending";
   // Byte Request hands out the answer a byte at a time, END on the last
@@ -84,8 +70,8 @@ TEST(WordSerial, ProtocolBitsByteTransfersRefusalsAndBusErrors) {
   EXPECT_EQ("0\n", text(r.wsReadReady(kDmm, 256)));
   // an unsupported command sets ERR*; Read Protocol Error reports and clears it
   EXPECT_EQ(0u, word(r.wsCmd(kSwitch, kSend16, 0xC8FF), 0));
-  EXPECT_EQ(0u, r.read(A16, D16, cfg(kSwitch, 0x0A), &resp));
-  EXPECT_FALSE(resp & 0x0800);
+  auto [st, resp] = r.read(A16, D16, cfg(kSwitch, 0x0A));
+  EXPECT_EQ(Read(0, 0), Read(st, resp & 0x0800)) << "ERR* low";
   EXPECT_EQ(kIo, word(r.wsCmd(kSwitch, kSend16 | kRead16, 0xC8FF), 0)) << "a refused query fails at once";
   EXPECT_EQ(0xFFF8u, word(r.wsCmd(kSwitch, kSend16 | kRead16, 0xCDFF), 1));
   EXPECT_EQ(0xFFFFu, word(r.wsCmd(kSwitch, kSend16 | kRead16, 0xCDFF), 1));
@@ -97,33 +83,10 @@ TEST(WordSerial, ProtocolBitsByteTransfersRefusalsAndBusErrors) {
   EXPECT_EQ(kBerr, r.st({15 | 99 << 8, 1, 0x1200}));
 }
 
-TEST(WordSerial, RegisterLevelProtocolThroughDataLow) {
-  Rig r;
-  // what a commander does without the bridge's help: poll WR, write Data
-  // Low, poll RR, read Data Low
-  uint32_t v = 0;
-  EXPECT_EQ(0u, r.read(A16, D16, cfg(kDmm, 0x0A), &v));
-  ASSERT_TRUE(v & 0x0200);
-  EXPECT_EQ(0u, r.write(A16, D16, cfg(kDmm, 0x0E), 0xCFFF));
-  EXPECT_EQ(0u, r.read(A16, D16, cfg(kDmm, 0x0A), &v));
-  ASSERT_TRUE(v & 0x0400);
-  EXPECT_EQ(0u, r.read(A16, D16, cfg(kDmm, 0x0E), &v));
-  EXPECT_EQ(0xFF00u, v);
-  EXPECT_EQ(kBerr, r.read(A16, D16, cfg(kDmm, 0x0E), &v)) << "no response waiting";
-  // a longword command as one 32-bit write of Data High and Data Low
-  EXPECT_EQ(0u, r.write(A16, D32, cfg(kDmm, 0x0C), 0x0001CFFF));
-  EXPECT_EQ(0u, r.read(A16, D32, cfg(kDmm, 0x0C), &v));
-  EXPECT_EQ(0x0001FF00u, v);
-}
-
 TEST(WordSerial, AnswersWaitingForReadersGoToTheReportsOnlyWhileSessionsLive) {
-  Rig r(slowMeterIni());
+  Rig r(writeIni("slow-meter.ini", kSlowMeter));
   bridgesim::HostId h{0x0100007F, 5};
-  auto c = words({13u | 7u << 8 | 0x02000000u, 1, 12});
-  std::string m = "INIT;*TRG\n";
-  m.resize(12, ' ');
-  c.insert(c.end(), m.begin(), m.end());
-  r.cmd(c, h);
+  r.wsWrite(7, "INIT;*TRG\n", h);
   r.b.hostDisconnected(h);
   r.b.hostDisconnected({0x0100007F, 1});
   std::this_thread::sleep_for(std::chrono::milliseconds(600));

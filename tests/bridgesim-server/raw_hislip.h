@@ -27,6 +27,10 @@ struct Chan {
   }
   bool sendBytes(const std::string& b) { return kt::sendAllBytes(fd, b); }
   Msg recv() { return kt::readMsg(fd); }
+  Msg ask(uint8_t type, uint32_t param, const std::string& data = {}) {  // a message and the answer to it
+    send(type, 0, param, data);
+    return recv();
+  }
   bool readable(int ms) { return kt::readable(fd, ms); }
   bool closedByPeer() {  // the peer closed (or reset) within the wait
     char b[256];
@@ -39,34 +43,26 @@ struct Chan {
 
 struct Session {
   Chan sync, async;
+  Msg init;  // the InitializeResponse
   uint16_t id = 0;
-  uint8_t initCode = 0;
-  uint32_t initParam = 0, nextId = 0xFFFFFF00;
+  uint32_t nextId = 0xFFFFFF00;
 
   // Opens both channels the way the driver does (protocol 1.0, vendor bytes
   // 0x0E 0x76, sub-address "inst0").  Empty optional on any failure.
   static std::optional<Session> open(const char* addr, uint16_t port) {
     Session s;
     s.sync = Chan(addr, port);
-    if (!s.sync.ok() || !s.sync.send(0, 0, 0x01000E76, "inst0")) return std::nullopt;
-    Msg r = s.sync.recv();
-    if (r.type != 1) return std::nullopt;
-    s.initCode = r.code;
-    s.initParam = r.param;
-    s.id = (uint16_t)r.param;
+    if (!s.sync.ok() || (s.init = s.sync.ask(0, 0x01000E76, "inst0")).type != 1) return std::nullopt;
+    s.id = (uint16_t)s.init.param;
     s.async = Chan(addr, port);
-    if (!s.async.ok() || !s.async.send(17, 0, s.id) || s.async.recv().type != 18) return std::nullopt;
+    if (!s.async.ok() || s.async.ask(17, s.id).type != 18) return std::nullopt;
     return s;
   }
   Msg query(const std::string& text) {  // one DataEnd query and its answer
-    sync.send(7, 0, nextId, text);
     nextId += 2;
-    return sync.recv();
+    return sync.ask(7, nextId - 2, text);
   }
-  Msg command(const std::string& payload) {
-    sync.send(128, 0, 0, payload);
-    return sync.recv();
-  }
+  Msg command(const std::string& payload) { return sync.ask(128, 0, payload); }
 };
 
 }  // namespace rawhs

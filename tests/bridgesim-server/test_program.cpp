@@ -1,6 +1,5 @@
-// The tcpvxi-bridge-sim program: command line, refusal of outside
-// addresses, resource text, a port in use, and a clean stop on SIGTERM with
-// sessions open.
+// The tcpvxi-bridge-sim program: command line, refused addresses, resource
+// text, a port in use, a clean stop on SIGTERM with sessions open.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -39,9 +38,7 @@ Child spawn(std::vector<std::string> args) {
 }
 
 int finish(Child c, std::string* output) {
-  output->clear();
-  char b[4096];
-  for (ssize_t n; (n = read(c.out, b, sizeof b)) > 0;) output->append(b, (size_t)n);  // until the child exits
+  *output = kt::drain(c.out);  // until the child exits
   close(c.out);
   int st = 0;
   waitpid(c.pid, &st, 0);
@@ -73,11 +70,9 @@ TEST(Program, CommandLine) {
   holder.start();
   EXPECT_EQ(run({"--address", "127.0.0.5"}, &out), 1);
   EXPECT_NE(out.find("in use"), std::string::npos) << out;
-  bridgesim::Server second(o);  // the same through the API
-  EXPECT_THROW(second.start(), std::runtime_error);
+  EXPECT_THROW(bridgesim::Server(o).start(), std::runtime_error);  // the same through the API
   o.address = "not-an-address";
-  bridgesim::Server third(o);
-  EXPECT_THROW(third.start(), std::runtime_error);
+  EXPECT_THROW(bridgesim::Server(o).start(), std::runtime_error);
   EXPECT_TRUE(bridgesim::isLoopbackAddress("127.1.2.3"));
   EXPECT_FALSE(bridgesim::isLoopbackAddress("10.0.0.1"));
   EXPECT_FALSE(bridgesim::isLoopbackAddress("localhost"));

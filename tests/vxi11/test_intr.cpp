@@ -1,7 +1,5 @@
-// The interrupt channel end to end: the thread's CREATE_INTR_CHAN, the
-// device connecting back, enable SRQ handing over the handle, service
-// requests with a matching and a foreign handle, and the set-up failures
-// that end the thread but leave the connection usable.
+// The interrupt channel end to end: channel creation, enable SRQ and its handle,
+// service requests with our own and a foreign handle, set-up failures.
 #include <atomic>
 
 #include "common.h"
@@ -12,6 +10,12 @@ namespace {
 
 std::atomic<int> gEvents{0};
 std::atomic<pKvTcpInfo> gEventRecord{nullptr};
+
+std::string handle(uint64_t id) {  // the id in host order, then zeros
+  std::string h(40, '\0');
+  memcpy(&h[0], &id, 8);
+  return h;
+}
 
 void onEvent(pKvTcpInfo intf) {
   gEventRecord = intf;
@@ -25,17 +29,18 @@ class Vxi11Intr : public Vxi11Test {
     startSim(f);
     kvtcp_setCallback(onEvent);
     KvTcpInfo* r = connect();
-    EXPECT_EQ(r->Connected, 1);
     EXPECT_NE(r->intr_port, 0);  // the connect waited for the thread's port
     return r;
   }
-  bool threadEnded(KvTcpInfo* r) { return waitUntil([&] { return r->intr_port == 0xFFFF; }, 10000) && !r->S_Intr; }
+  bool threadEnded(KvTcpInfo* r) { return eventually([&] { return r->intr_port == 0xFFFF; }, 10000) && !r->S_Intr; }
 };
 
 TEST_F(Vxi11Intr, ServiceRequestReachesHandlerOnlyWithOurHandle) {
   KvTcpInfo* r = connectWithEvents();
+  for (int i = 0; i < 20; i++)  // issued while the thread may still be creating the channel
+    ASSERT_EQ(stb(r, 2000).first, VI_SUCCESS) << i;
   ASSERT_TRUE(sim->waitForInterruptChannel(5000));
-  ASSERT_TRUE(waitUntil([&] { return r->S_Intr != 0; }));
+  ASSERT_TRUE(eventually([&] { return r->S_Intr != 0; }));
   EXPECT_NE(r->intr_port, 0xFFFF);
   EXPECT_EQ(pcpintf, &cpintf);
   EXPECT_EQ(cpintf.lid, r->lid);
@@ -43,13 +48,12 @@ TEST_F(Vxi11Intr, ServiceRequestReachesHandlerOnlyWithOurHandle) {
   uint64_t id = vxi11_InterruptID;
   ASSERT_EQ(kvtcp_vxi11_EnableEvents(r), VI_SUCCESS);
   EXPECT_EQ(vxi11_InterruptID, id + 1);
-  std::string expect(40, '\0');
-  memcpy(&expect[0], &id, 8);
+  std::string expect = handle(id);
   EXPECT_EQ(sim->srqHandle(), expect);
   EXPECT_EQ(std::string(r->intr_handle, 40), expect);
 
   ASSERT_EQ(sim->fireSrq(), 1);
-  ASSERT_TRUE(waitUntil([] { return gEvents == 1; }));
+  ASSERT_TRUE(eventually([] { return gEvents == 1; }));
   EXPECT_EQ(gEventRecord, r);
   EXPECT_TRUE(logged("SRQ 127.0.0.2"));
 
@@ -60,15 +64,14 @@ TEST_F(Vxi11Intr, ServiceRequestReachesHandlerOnlyWithOurHandle) {
   ASSERT_EQ(sim->fireSrqWithHandle(other), 1);
   ASSERT_EQ(sim->fireSrqWithHandle(std::string(expect, 0, 8)), 1);  // a shorter, matching prefix
   ASSERT_EQ(sim->fireSrq(), 1);
-  ASSERT_TRUE(waitUntil([] { return gEvents >= 3; }));
+  ASSERT_TRUE(eventually([] { return gEvents >= 3; }));
   EXPECT_EQ(gEvents, 3);
   EXPECT_TRUE(logged("wrong answ srq_repl"));
 
   send(r, "SRQ\n");  // the instrument's own service request (status byte bit 6)
-  ASSERT_TRUE(waitUntil([] { return gEvents == 4; }));
-  ViUInt16 stb = 0;
-  EXPECT_EQ(kvtcp_ReadSTB(r, 1000, &stb), VI_SUCCESS);
-  EXPECT_EQ(stb & 0x40, 0x40);
+  ASSERT_TRUE(eventually([] { return gEvents == 4; }));
+  auto [st, byte] = stb(r);
+  EXPECT_EQ(std::make_pair(st, byte & 0x40), std::make_pair(VI_SUCCESS, 0x40));
 
   kvtcp_Disconnect(r);  // closes the channel; the thread ends
   EXPECT_EQ(r->S_Intr, 0);
@@ -77,27 +80,19 @@ TEST_F(Vxi11Intr, ServiceRequestReachesHandlerOnlyWithOurHandle) {
 
 TEST_F(Vxi11Intr, EnablesOnTwoConnectionsGiveConsecutiveHandles) {
   startSim();
-  vxi11sim::Options o;
-  o.address = "127.0.0.3";
-  o.portmap = vxi11sim::PortmapMode::Own;
-  vxi11sim::Simulator sim2(o);
-  std::string err;
-  ASSERT_TRUE(sim2.start(&err)) << err;
+  auto sim2 = makeSim("127.0.0.3");  // a device of its own, so a wrong link id would be refused
   KvTcpInfo* a = connect();
   KvTcpInfo* b = connect("inst0", nullptr, nullptr, "127.0.0.3");
+  uint64_t id = vxi11_InterruptID;
   ASSERT_EQ(kvtcp_vxi11_EnableEvents(a), VI_SUCCESS);
   ASSERT_EQ(kvtcp_vxi11_EnableEvents(b), VI_SUCCESS);
-  uint64_t ha, hb;
-  memcpy(&ha, a->intr_handle, 8);
-  memcpy(&hb, b->intr_handle, 8);
-  EXPECT_EQ(hb, ha + 1);
-  EXPECT_EQ(sim2.srqHandle(), std::string(b->intr_handle, 40));
+  EXPECT_EQ(std::string(b->intr_handle, 40), handle(id + 1));
+  EXPECT_EQ(sim2->srqHandle(), handle(id + 1));
   kvtcp_Close(b);
-  sim2.stop();
+  sim2->stop();
 }
 
-// A CREATE_INTR_CHAN error, or a device that never connects back: the
-// thread ends, the connection goes on.
+// A CREATE_INTR_CHAN error, or a device that never connects back: the thread ends, the link goes on.
 TEST_F(Vxi11Intr, ChannelSetUpFailuresEndTheThreadButNotTheConnection) {
   vxi11sim::Faults error, silent;
   error.intrChanError = 6;
@@ -106,28 +101,15 @@ TEST_F(Vxi11Intr, ChannelSetUpFailuresEndTheThreadButNotTheConnection) {
     KvTcpInfo* r = connectWithEvents(f);
     EXPECT_TRUE(threadEnded(r));
     EXPECT_EQ(logged("my_resp.error=6"), f.intrChanError == 6);
-    char q[] = "*IDN?\n", in[64] = {};
-    int n = 0;
-    EXPECT_EQ(kvtcp_Query(r, 1000, q, 6, in, sizeof in - 1, 0x0002, 0, &n), 2);
-    EXPECT_STREQ(in, kIdn);
+    EXPECT_EQ(query(r, "*IDN?\n"), Got(2, kIdn));
     kvtcp_Close(r);
     sim->stop();
   }
 }
 
-TEST_F(Vxi11Intr, CallsRightAfterConnectDoNotInterleaveWithChannelCreation) {
-  KvTcpInfo* r = connectWithEvents();
-  for (int i = 0; i < 20; i++) {  // issued while the thread may still be creating the channel
-    ViUInt16 stb = 0;
-    ASSERT_EQ(kvtcp_ReadSTB(r, 2000, &stb), VI_SUCCESS) << i;
-  }
-  ASSERT_TRUE(waitUntil([&] { return r->S_Intr != 0; }));
-  EXPECT_NE(r->intr_port, 0xFFFF);
-}
-
 TEST_F(Vxi11Intr, PeerClosingTheChannelDoesNotSpinAndDisconnectEndsThread) {
   KvTcpInfo* r = connectWithEvents();
-  ASSERT_TRUE(waitUntil([&] { return r->S_Intr != 0; }));
+  ASSERT_TRUE(eventually([&] { return r->S_Intr != 0; }));
   sim->stop();  // closes the device's end of every channel
   EXPECT_NE(r->intr_port, 0xFFFF);  // still waiting for the record to go down
   kvtcp_Disconnect(r);
