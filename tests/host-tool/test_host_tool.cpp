@@ -1,19 +1,17 @@
 // tcpvxi-host end to end: the real tool loads the real driver, which talks
-// HiSLIP to a simulated bridge running in this test process.
-#include <arpa/inet.h>
+// HiSLIP to a simulated bridge running in this test process; its commands
+// come from -c, its standard input, or a pseudo-terminal as a person types them.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <pty.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <fstream>
-#include <regex>
-#include <thread>
 
 #include "simhost.h"
 #include "testkit.h"
@@ -26,25 +24,57 @@ namespace {
 const std::string kTool = KV_BUILD_DIR "/tools/tcpvxi-host/tcpvxi-host";
 const std::string kLib = KV_BUILD_DIR "/libtcpvxi.so";
 
-// The tool as a child process: commands on its standard input, standard
-// output and error merged on one pipe.
+// The text a terminal shows after receiving `raw`.  On a "dumb" terminal
+// readline redraws a line with carriage returns, backspaces and blanks only.
+std::string screenText(const std::string& raw) {
+  std::string screen, line;  // the lines above the cursor, the cursor's line
+  size_t col = 0;
+  for (char c : raw) {
+    if (c == '\r') {
+      col = 0;
+    } else if (c == '\n') {
+      screen += line + "\n";
+      line.clear();
+      col = 0;
+    } else if (c == '\b') {
+      col -= col > 0;
+    } else if (c != '\a') {
+      if (line.size() <= col) line.resize(col + 1, ' ');
+      line[col++] = c;
+    }
+  }
+  return screen + line + "\n";
+}
+
+// The tool as a child process, on pipes (standard output and error merged)
+// or on a pseudo-terminal.
 struct Child {
   pid_t pid = -1;
   int in = -1, out = -1;
   std::string text;
-  explicit Child(std::vector<std::string> argv) {
+  size_t pos = 0;  // where waitFor looks for the next text on the screen
+
+  explicit Child(std::vector<std::string> argv, bool terminal = false) {
     int pin[2], pout[2];
-    if (pipe2(pin, O_CLOEXEC) != 0 || pipe2(pout, O_CLOEXEC) != 0) return;
+    if (!terminal && (pipe2(pin, O_CLOEXEC) != 0 || pipe2(pout, O_CLOEXEC) != 0)) return;
     std::vector<char*> args;
     for (auto& a : argv) args.push_back(a.data());
     args.push_back(nullptr);
-    pid = fork();
+    winsize ws{50, 250, 0, 0};  // wide: no line of the test wraps
+    pid = terminal ? forkpty(&out, nullptr, nullptr, &ws) : fork();
     if (pid == 0) {
-      dup2(pin[0], 0);
-      dup2(pout[1], 1);
-      dup2(pout[1], 2);
+      if (!terminal) {
+        dup2(pin[0], 0);
+        dup2(pout[1], 1);
+        dup2(pout[1], 2);
+      }
+      setenv("TERM", "dumb", 1);  // no escape sequences to interpret
       execv(args[0], args.data());
       _exit(127);
+    }
+    if (terminal) {
+      in = dup(out);
+      return;
     }
     close(pin[0]);
     close(pout[1]);
@@ -61,21 +91,32 @@ struct Child {
     if (out >= 0) close(out);
   }
   void write(const std::string& s) { EXPECT_EQ(::write(in, s.data(), s.size()), (ssize_t)s.size()); }
-  // Reads until `want` has appeared (empty: until end of output); the limit
-  // guards against a hanging child, it is not a speed check.
+  // Reads until `want` shows on the screen at or after the line where the
+  // previous text ended (a report may rewrite that line); empty: until the
+  // end of output.  The limit guards against a hung tool, not a speed check.
   bool waitFor(const std::string& want, int limitMs = 60000) {
     auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(limitMs);
-    while (want.empty() || text.find(want) == std::string::npos) {
+    for (;;) {
+      std::string s = want.empty() ? "" : screenText(text);
+      size_t at = want.empty() ? std::string::npos : s.find(want, pos);
+      if (at != std::string::npos) {
+        // From the start of the line the match ends on (a line's own '\n'
+        // belongs to it): later output may lengthen that line.
+        size_t last = at + want.size() - 1;
+        size_t nl = last == 0 ? std::string::npos : s.rfind('\n', last - (s[last] == '\n'));
+        pos = nl == std::string::npos ? 0 : nl;
+        return true;
+      }
       if (std::chrono::steady_clock::now() > end) return false;
       pollfd p{out, POLLIN, 0};
       if (poll(&p, 1, 100) <= 0) continue;
       char buf[4096];
       ssize_t n = read(out, buf, sizeof buf);
-      if (n <= 0) return want.empty();  // end of output
+      if (n <= 0) return want.empty();  // end of output (a terminal: the tool has gone)
       text.append(buf, (size_t)n);
     }
-    return true;
   }
+  std::string why() const { return "screen:\n" + screenText(text); }
   // Closes the input, reads to the end, returns the exit status (-1: hung).
   int finish() {
     close(in);
@@ -84,22 +125,21 @@ struct Child {
     int st = 0;
     waitpid(pid, &st, 0);
     pid = -1;
+    // In sanitizer builds the tool and the driver report there.
+    EXPECT_EQ(std::string::npos, text.find("Sanitizer")) << text;
+    EXPECT_EQ(std::string::npos, text.find("runtime error")) << text;
     return WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
   }
 };
 
 // The tool with a list of commands (joined by ';', run with -c).
-int tool(const std::string& commands, std::string* out, std::string lib = kLib,
-         std::vector<std::string> extra = {}) {
-  std::vector<std::string> argv = {kTool, "--lib", lib, "--keep-going"};
+int tool(const std::string& commands, std::string* out, std::vector<std::string> extra = {}) {
+  std::vector<std::string> argv = {kTool, "--lib", kLib, "--keep-going"};
   argv.insert(argv.end(), extra.begin(), extra.end());
   if (!commands.empty()) argv.insert(argv.end(), {"-c", commands});
   Child c(argv);
   int rc = c.finish();
   *out = c.text;
-  // In sanitizer builds the tool and the driver report there.
-  EXPECT_EQ(std::string::npos, out->find("Sanitizer")) << *out;
-  EXPECT_EQ(std::string::npos, out->find("runtime error")) << *out;
   return rc;
 }
 
@@ -114,7 +154,12 @@ void expectAll(const std::string& out, const std::vector<std::string>& want) {
 class HostTool : public ::testing::Test {
  protected:
   void SetUp() override {
-    sim_ = sh::startSim("127.0.0.1");
+    bridgesim::ServerOptions o;
+    o.rawPort = 5025;  // the raw-socket instrument behind 'instr ...::SOCKET'
+    o.verbosity = 0;
+    o.logSink = [](const std::string&) {};
+    sim_ = std::make_unique<bridgesim::Server>(o);
+    sim_->start();
     sh::writeResmanText(kResman);
   }
   std::unique_ptr<bridgesim::Server> sim_;
@@ -123,9 +168,9 @@ class HostTool : public ::testing::Test {
 }  // namespace
 
 TEST_F(HostTool, LibraryWithoutTheEntryPointsIsRefused) {
-  std::string out;
-  EXPECT_EQ(2, tool("echo loaded", &out, "libm.so.6")) << out;
-  expectAll(out, {"lacks: tcpvxi_start", "_Z10vintfWSclrtjj"});
+  Child c({kTool, "--lib", "libm.so.6", "-c", "echo loaded"});
+  EXPECT_EQ(2, c.finish()) << c.text;
+  expectAll(c.text, {"lacks: tcpvxi_start", "_Z10vintfWSclrtjj"});
 }
 
 // What a user who mistypes, forgets the file or has no bridge is told; the
@@ -133,10 +178,8 @@ TEST_F(HostTool, LibraryWithoutTheEntryPointsIsRefused) {
 TEST_F(HostTool, DiagnosticsSayWhatIsWrong) {
   // Something at 127.0.0.7:4880 that completes TCP connections (the kernel
   // does, from the backlog) but never says a word.
-  int quiet = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in qa = kt::addr("127.0.0.7", 4880);
-  ASSERT_EQ(0, bind(quiet, (sockaddr*)&qa, sizeof qa));
-  ASSERT_EQ(0, listen(quiet, 16));
+  int quiet = kt::listenOn("127.0.0.7", 4880);
+  ASSERT_GE(quiet, 0);
   struct Case {
     const char* resman;  // null: no file
     std::string commands;
@@ -177,27 +220,12 @@ TEST_F(HostTool, DiagnosticsSayWhatIsWrong) {
 
 // Another host (127.0.0.2) holds the bridge's lock: open says so.
 TEST_F(HostTool, OpenTellsALockRefusedBridge) {
-  using namespace kt;
-  auto from2 = [] {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in me = addr("127.0.0.2", 0), bridge = addr("127.0.0.1", 4880);
-    EXPECT_EQ(0, bind(fd, (sockaddr*)&me, sizeof me));
-    EXPECT_EQ(0, connect(fd, (sockaddr*)&bridge, sizeof bridge));
-    return fd;
-  };
-  int fd = from2(), afd = from2();
-  ASSERT_TRUE(sendMsg(fd, 0, 0, 0x01000E76, "inst0"));  // Initialize
-  Msg init = readMsg(fd);
-  ASSERT_EQ(1, init.type);
-  ASSERT_TRUE(sendMsg(afd, 17, 0, init.param & 0xFFFF));  // AsyncInitialize
-  ASSERT_EQ(18, readMsg(afd).type);
-  ASSERT_TRUE(sendMsg(fd, 128, 0, 0, words({1, 1000})));  // lock the bridge to 127.0.0.2
-  ASSERT_EQ(128, readMsg(fd).type);
+  const std::string lock = kt::words({1, 1000});
+  bridgesim::HostId other{kt::addr("127.0.0.2", 0).sin_addr.s_addr, 99};
+  sim_->bridge().handleCommand(other, (const uint8_t*)lock.data(), lock.size());
   std::string out;
   EXPECT_EQ(0, tool("start;open;stop", &out)) << out;
   expectAll(out, {"TCP-VXI0 127.0.0.1 \"simulated mainframe\": lock-refused: the bridge answers but would not lock"});
-  close(fd);
-  close(afd);
 }
 
 TEST_F(HostTool, ConfigEditsTheFileWithABackup) {
@@ -229,19 +257,17 @@ TEST_F(HostTool, GrammarStatusesAndEveryEntryPoint) {
                   "[VI_ERROR_BERR (0xBFFF0038)] bus error", "SYSFAIL", "0xBFFB  (Peek reports no status)",
                   "0x00000007  [VI_SUCCESS", "[VI_ERROR_ATTR_READONLY (0xBFFF001F)]",
                   "0xBFFF0091 VI_ERROR_INV_MODE: invalid mode"});
-  EXPECT_EQ(2u, [&] {
-    size_t n = 0;
-    for (size_t p = out.find("0x00000007  [VI_SUCCESS"); p != std::string::npos;
-         p = out.find("0x00000007  [VI_SUCCESS", p + 1))
-      n++;
-    return n;
-  }()) << out;  // the copy reached the second address
+  size_t first = out.find("0x00000007  [VI_SUCCESS");
+  EXPECT_NE(std::string::npos, out.find("0x00000007  [VI_SUCCESS", first + 1)) << out;  // the copy arrived
 }
 
+// Commands on standard input (not a terminal), one JSON object per command.
 TEST_F(HostTool, JsonObjectPerCommandParsesBack) {
-  std::string out;
-  tool("start;open;list;in16 0 a16 0xD900;state 0;ws-query 0 la:99 x;movein16 0 a24 0x200000 2;bogus;stop", &out,
-       kLib, {"--json"});
+  Child c({kTool, "--lib", kLib, "--json"});
+  c.write("start\nopen\nlist\nin16 0 a16 0xD900\nstate 0\nws-query 0 la:99 x\nmovein16 0 a24 0x200000 2\n"
+          "bogus\nstop\n");
+  EXPECT_EQ(1, c.finish()) << c.text;
+  const std::string& out = c.text;
   std::string file = std::string(getenv("HOME")) + "/out.json";
   std::ofstream(file) << out;
   // Each line one object; print command, ok and name for the checks below.
@@ -279,57 +305,74 @@ TEST_F(HostTool, BlockMovesThroughFilesAndTheSwapWarning) {
   EXPECT_EQ(std::string::npos, out.find("  000010:")) << "hex is bounded";
 }
 
-TEST_F(HostTool, InterruptReportsAndCtrlCLeaveTheToolRunning) {
-  Child c({kTool, "--lib", kLib});
-  ASSERT_GT(c.pid, 0);
-  c.write("start\nopen\nirq on\nirq-test 0 0xFD10 wait=30000\necho sleeping\nsleep 600000\n");
-  EXPECT_TRUE(c.waitFor("[interrupt] VI_EVENT_VXI_VME_INTR from interface 0 instrument 2: status/ID 0xFD10"))
-      << c.text;
-  ASSERT_TRUE(c.waitFor("sleeping")) << c.text;
-  // Ctrl-C during the long sleep ends the sleep, not the tool.  (Repeated:
-  // one that lands before the sleep has begun is dropped with its line.)
-  for (int i = 0; i < 100 && !c.waitFor("error: interrupted", 200); i++) kill(c.pid, SIGINT);
-  c.write("echo still here\nirq off\nstop\n");
-  EXPECT_TRUE(c.waitFor("still here")) << c.text;
-  EXPECT_EQ(1, c.finish()) << c.text;  // the interrupted sleep counts as failed
+// At the prompt on a terminal: completion, interrupt reports (also one
+// arriving while a line is half typed), Ctrl-C at the prompt and during a
+// long command.  The expected texts are looked for on the screen, in order.
+TEST_F(HostTool, TerminalCompletionInterruptReportsAndCtrlC) {
+  Child t({kTool, "--lib", kLib}, true);
+  ASSERT_GT(t.pid, 0);
+  enum Action { Type, Interrupt, CtrlCUntilSeen };
+  struct Step {
+    Action action;
+    std::string keys;
+    std::vector<std::string> want;  // in this order on the screen
+  } steps[] = {
+      {Type, "", {"tcpvxi> "}},
+      {Type, "start\nopen\nirq on\n", {"reached, 6 instrument(s)", "tcpvxi> irq on\n[VI_SUCCESS (0x00000000)]\ntcpvxi> "}},
+      {Type, "irq-test 0 0xFE10 wait=30000\n",
+       {"[interrupt] VI_EVENT_VXI_VME_INTR from interface 0 instrument 2: status/ID 0xFE10", "tcpvxi> "}},
+      // Commands complete on the first word, instrument names after it.
+      {Type, "ws-q\t", {"tcpvxi> ws-query "}},
+      {Type, "VXI0::1\t", {"tcpvxi> ws-query VXI0::16::INSTR "}},
+      {Type, "\"*IDN?\"\n", {"\"Simulated,VXI Multimeter", "\ntcpvxi> "}},
+      // A report while a line is half typed: on a line of its own above the
+      // prompt, the line redrawn below it, what was typed still there.
+      {Type, "echo half", {"tcpvxi> echo half"}},
+      {Interrupt, "",
+       {"\n[interrupt] VI_EVENT_VXI_VME_INTR from interface 0 instrument 2: status/ID 0xFD10, line 1\n"
+        "tcpvxi> echo half\n"}},
+      {Type, " way\n", {"tcpvxi> echo half way\nhalf way\ntcpvxi> "}},
+      // Ctrl-C at the prompt drops the line, not the tool.
+      {Type, "echo dropped", {"tcpvxi> echo dropped"}},
+      {Type, "\x03", {"tcpvxi> echo dropped^C\ntcpvxi> "}},
+      {Type, "echo kept\n", {"tcpvxi> echo kept\nkept\ntcpvxi> "}},
+      // Ctrl-C during a long command ends the command; the prompt comes back.
+      {Type, "sleep 5000000\n", {"tcpvxi> sleep 5000000\n"}},
+      {CtrlCUntilSeen, "\x03", {"error: interrupted", "interrupted\ntcpvxi> "}},
+      {Type, "echo back\n", {"tcpvxi> echo back\nback\ntcpvxi> "}},
+      {Type, "stop\n", {"tcpvxi> stop\n[VI_SUCCESS (0x00000000)]\ntcpvxi> "}},
+  };
+  for (auto& s : steps) {
+    if (s.action == Interrupt) sim_->sendInterrupt(1, 0xFD10);
+    if (s.action == CtrlCUntilSeen) {
+      // A Ctrl-C that lands before the command has begun belongs to the
+      // prompt: repeat until the command reports it.
+      bool seen = false;
+      for (int i = 0; i < 100 && !seen; i++) {
+        t.write(s.keys);
+        seen = t.waitFor(s.want[0], 300);
+      }
+      ASSERT_TRUE(seen) << t.why();
+    }
+    if (s.action == Type) t.write(s.keys);
+    for (size_t i = s.action == CtrlCUntilSeen; i < s.want.size(); i++)
+      ASSERT_TRUE(t.waitFor(s.want[i])) << "waiting for: " << s.want[i] << "\n" << t.why();
+  }
+  t.write("\x04");  // Ctrl-D at the prompt ends the tool
+  EXPECT_EQ(1, t.finish()) << "the interrupted sleep counts as failed\n" << t.why();
 }
 
 TEST_F(HostTool, InstrumentsOverHislipAndVxi11) {
   std::string out;
-  EXPECT_EQ(0, tool("", &out, kLib, {"instr", "TCPIP::127.0.0.1::hislip0::INSTR", "query", "*IDN?"})) << out;
+  EXPECT_EQ(0, tool("", &out, {"instr", "TCPIP::127.0.0.1::hislip0::INSTR", "query", "*IDN?"})) << out;
   expectAll(out, {"\"Simulated,LAN-VXI Bridge,"});
-  EXPECT_EQ(0, tool("", &out, kLib, {"--json", "benchmark", "TCPIP::127.0.0.1::hislip0::INSTR", "count=20"})) << out;
+  EXPECT_EQ(0, tool("", &out, {"--json", "benchmark", "TCPIP::127.0.0.1::hislip0::INSTR", "count=20"})) << out;
   expectAll(out, {"\"queries\":20", "\"queries_per_s\":", "\"p99\":"});
-  EXPECT_EQ(1, tool("", &out, kLib, {"instr", "TCPIP::127.0.0.1::hislip0::FOO", "query", "x"})) << out;
+  EXPECT_EQ(1, tool("", &out, {"instr", "TCPIP::127.0.0.1::hislip0::FOO", "query", "x"})) << out;
   expectAll(out, {"error: not a TCPIP resource"});
-  // A raw socket instrument: answers each line with "echo:" and the line.
-  int ls = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in sa{};
-  sa.sin_family = AF_INET;
-  sa.sin_port = htons(5025);
-  sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  ASSERT_EQ(0, bind(ls, (sockaddr*)&sa, sizeof sa));
-  listen(ls, 1);
-  std::thread raw([ls] {
-    int c = accept(ls, nullptr, nullptr);
-    std::string line;
-    char ch;
-    while (c >= 0 && read(c, &ch, 1) == 1)
-      if (ch != '\n') line += ch;
-      else {
-        std::string a = "echo:" + line + "\n";
-        if (write(c, a.data(), a.size()) < 0) break;
-        line.clear();
-      }
-    close(c);
-  });
-  EXPECT_EQ(0, tool("instr TCPIP::127.0.0.1::5025::SOCKET query \"a b\";instr TCPIP::127.0.0.1::5025::SOCKET write x\\n;"
-                    "instr TCPIP::127.0.0.1::5025::SOCKET read",
-                    &out))
-      << out;
-  raw.join();
-  close(ls);
-  expectAll(out, {"\"echo:a b\\n\"  [VI_SUCCESS", "\"echo:x\\n\"  [VI_SUCCESS"});
+  const std::string raw = "instr TCPIP::127.0.0.1::5025::SOCKET ";
+  EXPECT_EQ(0, tool(raw + "query *IDN?;" + raw + "write *TST?\\n;" + raw + "read", &out)) << out;
+  expectAll(out, {"\"Simulated,LAN-VXI Bridge,SIM0001,1.0\\n\"  [VI_SUCCESS", "\"0\\n\"  [VI_SUCCESS"});
 #ifdef KV_HAVE_VXI11SIM
   vxi11sim::Options o;
   o.portmap = vxi11sim::PortmapMode::Own;

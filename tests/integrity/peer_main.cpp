@@ -1,14 +1,10 @@
 // A host process for the integrity tests: loads the driver's shared library
 // with dlopen, as a VISA host does.
-//   integrity_peer reload <base> <space>
-//       start, open, read; stop, dlclose, dlopen, start, open, read again:
-//       prints "round N: ok" per round when the read is right.
-//   integrity_peer load <base> <space> <instr> <idn> <rounds> <peers>
-//       three threads (register reads, block reads, and Word Serial to
-//       instrument <instr>: Read Protocol, whose response must not change,
-//       and identity queries answered with <idn> unless it is "-") check
-//       every answer, once <peers> processes have opened the driver;
-//       prints "calls=C mismatches=M".
+//   reload BASE SPACE: three rounds of dlopen, start, open, one checked read,
+//       stop, dlclose; "round N: ok" each.
+//   load BASE SPACE INSTR IDN ROUNDS PEERS: once PEERS processes have opened
+//       the driver, register, block and Word Serial threads (identity queries
+//       unless IDN is "-") check every answer; "calls=C mismatches=M".
 #include <dlfcn.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -23,40 +19,34 @@
 #include <thread>
 #include <vector>
 
-namespace {
+#include "TcpVxiAPI.h"
 
-typedef void (*voidFn)(void);
-typedef int32_t (*openFn)(uint16_t*);
-typedef int32_t (*in32Fn)(uint16_t, uint32_t, uint16_t, uint64_t, uint32_t*);
-typedef int32_t (*moveIn32Fn)(uint16_t, uint32_t, uint16_t, uint16_t, uint64_t, uint64_t, uint32_t*);
-typedef int32_t (*wsWrtFn)(uint16_t, uint32_t, uint32_t, char*, int32_t, uint16_t, int32_t*);
-typedef int32_t (*wsCmdFn)(uint16_t, uint32_t, uint32_t, uint16_t, uint16_t, uint16_t*);
-typedef int32_t (*wsRdFn)(uint16_t, uint32_t, uint32_t, char*, int32_t, uint16_t, char, int32_t*);
+namespace {
 
 // The pattern the tests write into the simulated memory card.
 uint32_t patternAt(uint32_t off) { return 0x5A000000u + off; }
 
+// The entry points, resolved by name as a host does (the Word Serial ones by
+// their C++ names); the header only lends their types.
 struct Driver {
   void* h = nullptr;
-  voidFn start, stop;
-  openFn open;
-  in32Fn in32;
-  moveIn32Fn moveIn32;
-  wsWrtFn wsWrt;
-  wsRdFn wsRd;
-  wsCmdFn wsCmd;
+  decltype(&tcpvxi_start) start, stop;
+  decltype(&vintfOpenDevice) open;
+  decltype(&vintfIn32) in32;
+  decltype(&vintfMoveIn32) moveIn32;
+  decltype(&vintfWSwrt) wsWrt;
+  decltype(&vintfWSrd) wsRd;
+  decltype(&vintfWScmd) wsCmd;
+  template <class F>
+  bool sym(F* f, const char* name) {
+    return (*f = (F)dlsym(h, name)) != nullptr;
+  }
   bool load(const char* lib) {
     h = dlopen(lib, RTLD_NOW | RTLD_LOCAL);
-    if (!h) return false;
-    start = (voidFn)dlsym(h, "tcpvxi_start");
-    stop = (voidFn)dlsym(h, "tcpvxi_stop");
-    open = (openFn)dlsym(h, "vintfOpenDevice");
-    in32 = (in32Fn)dlsym(h, "vintfIn32");
-    moveIn32 = (moveIn32Fn)dlsym(h, "vintfMoveIn32");
-    wsWrt = (wsWrtFn)dlsym(h, "_Z10vintfWSwrttjjPcitPi");
-    wsRd = (wsRdFn)dlsym(h, "_Z9vintfWSrdtjjPcitcPi");
-    wsCmd = (wsCmdFn)dlsym(h, "_Z10vintfWScmdtjjttPt");
-    return start && stop && open && in32 && moveIn32 && wsWrt && wsRd && wsCmd;
+    return h && sym(&start, "tcpvxi_start") && sym(&stop, "tcpvxi_stop") && sym(&open, "vintfOpenDevice") &&
+           sym(&in32, "vintfIn32") && sym(&moveIn32, "vintfMoveIn32") &&
+           sym(&wsWrt, "_Z10vintfWSwrttjjPcitPi") && sym(&wsRd, "_Z9vintfWSrdtjjPcitcPi") &&
+           sym(&wsCmd, "_Z10vintfWScmdtjjttPt");
   }
 };
 

@@ -1,14 +1,12 @@
 // Faults below the driver: the driver mutex after a holder that never
 // unlocks, and a read from a peer that has closed its side.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <semaphore.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <atomic>
 
 #include "kvtcp_internal.h"
+#include "testkit.h"
 #include "visa-ipc.h"
 
 namespace {
@@ -53,16 +51,12 @@ TEST(Faults, DriverMutexStaysBinary) {
 // connection after its time-out, sleeping rather than spinning on the empty
 // reads (a spin makes tens of thousands of them in 300 ms).
 TEST(Faults, ReadFromAClosedPeerDoesNotSpin) {
-  int l = socket(AF_INET, SOCK_STREAM, 0);
+  int l = kt::listenOn("127.0.0.1", 0);
   sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  ASSERT_EQ(0, bind(l, (sockaddr*)&a, sizeof a));
   socklen_t len = sizeof a;
-  getsockname(l, (sockaddr*)&a, &len);
-  listen(l, 1);
-  int c = socket(AF_INET, SOCK_STREAM, 0);
-  ASSERT_EQ(0, connect(c, (sockaddr*)&a, sizeof a));
+  ASSERT_EQ(0, getsockname(l, (sockaddr*)&a, &len));
+  int c = kt::connectTo("127.0.0.1", ntohs(a.sin_port));
+  ASSERT_GE(c, 0);
   int p = accept(l, nullptr, nullptr);
   close(p);
   kvtcp_sys_recv = countingRecv;

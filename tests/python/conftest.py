@@ -1,11 +1,7 @@
-"""The PyVISA backend against the real library and the simulators.
+"""Fixtures: the bridge simulator and the VXI-11 instrument simulator as child
+processes, and a resource manager on the real library.  The session runs
+isolated (tests/isolate.sh): fixed port 4880 and shared-memory names."""
 
-Runs isolated (tests/isolate.sh: private network namespace and /dev/shm,
-temporary HOME): the bridge listens on the fixed HiSLIP port 4880 and the
-driver uses fixed shared-memory and semaphore names.  The bridge simulator
-and the VXI-11 instrument simulator run as child processes; the driver's
-resource-manager file in HOME points at the bridge.
-"""
 import os
 import socket
 import subprocess
