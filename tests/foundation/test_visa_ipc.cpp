@@ -43,7 +43,7 @@ TEST(NamedMutex, NameLengthBoundsAndNullHandles) {
     EXPECT_EQ(mutex_name_valid(name), valid) << (name ? name : "null");
     // An invalid name leaves the handle untouched.
     MUTEX_TYPE h = reinterpret_cast<MUTEX_TYPE>(0x1234);
-    if (!valid) EXPECT_EQ(util_mutex_open(name, &h), VI_ERROR_ABORT);
+    if (!valid) { EXPECT_EQ(util_mutex_open(name, &h), VI_ERROR_ABORT); }
     EXPECT_EQ(h, reinterpret_cast<MUTEX_TYPE>(0x1234));
   }
   EXPECT_EQ(util_mutex_lock(nullptr, 0), VI_ERROR_INV_OBJECT);

@@ -190,7 +190,7 @@ TEST(HislipData, LongWriteThenReadsEndAndTerminate) {
     EXPECT_EQ(s.n, n) << got;
     EXPECT_EQ(s.id, r->hislipInMesageID) << got;
     got.append(buf, n);
-    if (got.size() == 25) EXPECT_EQ(0, r->hislipInHdr.msg);  // the first message fully taken
+    if (got.size() == 25) { EXPECT_EQ(0, r->hislipInHdr.msg); }  // the first message fully taken
   }
   EXPECT_EQ("ABCDEFGHIJKLMNOPQRSTUVWXYabcxy\nxyzab\n", got);
   kvtcp_Close(r);
