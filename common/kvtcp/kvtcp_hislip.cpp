@@ -29,11 +29,15 @@ constexpr uint32_t kSlotTaken = 0xFFFFFFFFu;
 
 bool isConnected(pKvTcpInfo intf) { return __atomic_load_n(&intf->Connected, __ATOMIC_ACQUIRE) != 0; }
 
-// Message ids advance by 2 and wrap; computed unsigned so the wrap is defined.
+// Message ids advance by 2 and wrap.  A write and a status query may take
+// ids from different threads at once (the query needs no exchange), so the
+// id is taken and advanced in one atomic step: no two messages share an id.
 uint32_t nextMessageId(pKvTcpInfo intf) {
-  uint32_t id = (uint32_t)intf->hislipOutMesageID;
-  intf->hislipOutMesageID = (int)(id + 2);
-  return id;
+  return (uint32_t)__atomic_fetch_add(&intf->hislipOutMesageID, 2, __ATOMIC_RELAXED);
+}
+
+void resetMessageId(pKvTcpInfo intf) {
+  __atomic_store_n(&intf->hislipOutMesageID, (int)kFirstMessageId, __ATOMIC_RELAXED);
 }
 
 // ---------------------------------------------------- the ring of slots
@@ -410,7 +414,7 @@ int kvtcp_hislip_Connect(pKvTcpInfo intf, const char* TcpipAddr, const char* sub
   intf->InstName[0] = 0;
   intf->hislipSessionID = 0;
   intf->hislipModeOverlap = 1;
-  intf->hislipOutMesageID = (int)kFirstMessageId;
+  resetMessageId(intf);
   kvStore(intf->hislipMaximumMessageSize, kDefaultMaxMessageSize);
   kvStore(intf->hislipWaitAsyncStatus, 0);
   // A new session has no message in progress and no answers waiting.
@@ -760,7 +764,7 @@ int kvtcp_hislip_Clear(pKvTcpInfo intf, ViUInt32 tmo) {
   ReleaseIntfLock(intf);
   if (st < 0) return st;
   if (r.msg != HISLIP_DeviceClearAcknowledge) return VI_ERROR_CONN_LOST;
-  intf->hislipOutMesageID = (int)kFirstMessageId;
+  resetMessageId(intf);
   // A message that was being read when the clear came is abandoned.
   intf->hislipInHdr.msg = 0;
   return VI_SUCCESS;

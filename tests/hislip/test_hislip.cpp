@@ -1,5 +1,7 @@
 // HiSLIP client against a scripted server on 127.0.0.1:4880 (each case runs
 // in its own network namespace).
+#include <algorithm>
+
 #include "peer.h"
 
 using hs::Msg;
@@ -272,6 +274,44 @@ TEST(HislipAsync, RingStatusByteAndDeviceClear) {
   EXPECT_EQ(1, r->Connected);
   EXPECT_EQ(VI_ERROR_CONN_LOST, kvtcp_Clear(r, 100));
   kvtcp_Close(r);
+}
+
+// A writer and a status reader on one connection take message ids at the
+// same time (the status query needs no exchange): no two messages share one.
+TEST(HislipAsync, WritesBesideStatusQueriesKeepTheirOwnIds) {
+  constexpr int kEach = 300;
+  std::vector<uint32_t> syncIds, asyncIds;
+  Peer peer;
+  peer.run([&](Peer& p) {
+    std::thread status([&] {
+      for (int k = 0; k < kEach; k++) {
+        asyncIds.push_back(hs::readMsg(p.async).param);
+        hs::sendMsg(p.async, 22, 0x10, 0);
+      }
+    });
+    for (int k = 0; k < kEach; k++) syncIds.push_back(hs::readMsg(p.sync).param);
+    status.join();
+  });
+  KvTcpInfo* r = hs::connected();
+  std::thread writer([r] {
+    for (int k = 0; k < kEach; k++) {
+      char text[] = "x";
+      int n;
+      EXPECT_EQ(VI_SUCCESS, kvtcp_Write(r, 2000, text, 1, 0, &n));
+    }
+  });
+  for (int k = 0; k < kEach; k++) {
+    ViUInt16 stb = 0;
+    EXPECT_EQ(VI_SUCCESS, kvtcp_ReadSTB(r, 2000, &stb));
+  }
+  writer.join();
+  kvtcp_Close(r);
+  peer.join();
+  std::vector<uint32_t> ids = syncIds;
+  ids.insert(ids.end(), asyncIds.begin(), asyncIds.end());
+  std::sort(ids.begin(), ids.end());
+  EXPECT_EQ(2u * kEach, ids.size());
+  EXPECT_EQ(ids.end(), std::adjacent_find(ids.begin(), ids.end()));
 }
 
 namespace {
