@@ -16,6 +16,8 @@
 
 #include <mutex>
 
+#include "visa-ipc_internal.h"
+
 const char* path_to_config_in_home = ".config/tarvelo/visa/";
 
 // ------------------------------------------------------------------- time

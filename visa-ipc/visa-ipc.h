@@ -84,9 +84,6 @@ KV_EXPORT void TransposeData(void* dataArray, int dataType, size_t NM, int M);
 KV_EXPORT void transpose_matrix(int* dst, int N, int M);
 KV_EXPORT void transpose_matrix(double* dst, int N, int M);
 
-// Unit-internal, declared for the unit's tests.
-struct timespec get_timespec(void);
-struct timespec diff_timespec(struct timespec start, struct timespec end);
 // Segment size used for a user size: user size plus header, in whole KiB.
 // Formed in 64 bits so that a size near INT_MAX cannot overflow.
 inline uint32_t util_segment_size(int size) {

@@ -270,6 +270,9 @@ IniEntry NewEntry(IniText doc, const char* name, const char* value, int sourceLi
 
 // ---------------------------------------------------------------- documents
 
+// Sections in [ ], name=value, ; comments: what every new document starts with.
+static int Ini_SetDefaultTokens(IniText theIniText) { return Ini_SetTokens(theIniText, '[', ']', "=", ";"); }
+
 IniText Ini_New(int sorted) {
   IniText doc = (IniText)calloc(1, sizeof *doc);
   if (!doc) return nullptr;
@@ -321,8 +324,6 @@ int Ini_SetTokens(IniText theIniText, char sectionNameStartCharacter, char secti
   theIniText->nameValueOutputSeparatorLength = (int)strlen(theIniText->nameValueOutputSeparatorToken);
   return 0;
 }
-
-int Ini_SetDefaultTokens(IniText theIniText) { return Ini_SetTokens(theIniText, '[', ']', "=", ";"); }
 
 int Ini_SetSectionFilter(IniText theIniText, Ini_SectionFilterFunc sectionFilter, void* callbackData) {
   if (!theIniText) return -1;

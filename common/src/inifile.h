@@ -40,7 +40,6 @@ KV_EXPORT int Ini_ReadFromFile(IniText theIniText, const char* pathName);
 KV_EXPORT int Ini_ReadGeneric(IniText theIniText, Ini_LineSourceFunc inputFunction, void* inputSource);
 KV_EXPORT int Ini_SetTokens(IniText theIniText, char sectionNameStartCharacter, char sectionNameEndCharacter,
                             const char* valueSeparator, const char* commentMarker);
-int Ini_SetDefaultTokens(IniText theIniText);  // not exported
 KV_EXPORT int Ini_SetSectionFilter(IniText theIniText, Ini_SectionFilterFunc sectionFilter, void* callbackData);
 KV_EXPORT int Ini_SetDuplicateChecking(IniText theIniText, int checkForDuplicates);
 KV_EXPORT void Ini_Sort(IniText theIniText);

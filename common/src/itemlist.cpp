@@ -109,7 +109,7 @@ void ListSetAllocationPolicy(ListType list, int minItemsPerAlloc, int percentInc
 // the automatic amount, max(minimum, listSize * (percent + 100) / 100), i.e.
 // the whole scaled size; a negative count adds the automatic amount plus its
 // magnitude.  Sizes that do not fit are refused, leaving the list unchanged.
-int ExpandListSpace(ListType list, int numNewItems) {
+static int ExpandListSpace(ListType list, int numNewItems) {
   if (!list) return 0;
   ListStruct* h = Hdr(list);
   long long slots;
@@ -392,7 +392,7 @@ void ListInsertionSort(ListType list, CompareFunction compareFunction) {
 
 // Pointers sorted by their bytes.  No operation of this library creates or
 // fills it, so it stays null and every object is unknown.
-ListType gExistenceList = nullptr;
+static ListType gExistenceList = nullptr;
 
 int ObjectExists(const void* object) {
   if (!gExistenceList) return 0;

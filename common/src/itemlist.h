@@ -79,8 +79,4 @@ KV_EXPORT void ListInsertionSort(ListType list, CompareFunction compareFunction)
 KV_EXPORT int ObjectExists(const void* object);
 KV_EXPORT void DeRegisterExistence(void* object);
 
-// Internal (declared for white-box tests).
-int ExpandListSpace(ListType list, int numNewItems);
-extern ListType gExistenceList;
-
 #endif

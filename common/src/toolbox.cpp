@@ -112,7 +112,10 @@ void SwapBlock(void* block1, void* block2, int size) {
   }
 }
 
-void ExchgB(void* a, void* b, int size) {
+// Exchanges two items of the given size.
+typedef void (*ExgFunc)(void* item1, void* item2, int size);
+
+static void ExchgB(void* a, void* b, int size) {
   unsigned char* x = (unsigned char*)a;
   unsigned char* y = (unsigned char*)b;
   for (int n = size; n > 0; --n, ++x, ++y) {
@@ -123,7 +126,7 @@ void ExchgB(void* a, void* b, int size) {
 }
 
 // Item storage need not be aligned, hence the word copies through memcpy.
-void ExchgW(void* a, void* b, int size) {
+static void ExchgW(void* a, void* b, int size) {
   char* x = (char*)a;
   char* y = (char*)b;
   for (int n = size / 2; n > 0; --n, x += 2, y += 2) {
@@ -135,7 +138,7 @@ void ExchgW(void* a, void* b, int size) {
   }
 }
 
-void ExchgL(void* a, void* b, int size) {
+static void ExchgL(void* a, void* b, int size) {
   char* x = (char*)a;
   char* y = (char*)b;
   for (int n = size / 4; n > 0; --n, x += 4, y += 4) {
@@ -149,7 +152,7 @@ void ExchgL(void* a, void* b, int size) {
 
 // ---------------------------------------------------------------- quick sort
 
-char* MedOf3(char* left, char* right, ExgFunc exchange, CompareFunction compare, int size) {
+static char* MedOf3(char* left, char* right, ExgFunc exchange, CompareFunction compare, int size) {
   char* mid = left + ((right - left) / size / 2) * size;
   if (CompareItems(compare, left, mid, size) > 0) exchange(left, mid, size);
   if (CompareItems(compare, left, right, size) > 0) exchange(left, right, size);
@@ -160,7 +163,7 @@ char* MedOf3(char* left, char* right, ExgFunc exchange, CompareFunction compare,
 // The median of three goes to the slot before right; the scans never leave
 // [left, pivot slot] and each round moves both of them, so a compare function
 // that is inconsistent cannot make this loop forever or step outside the range.
-char* Partition(char* left, char* right, ExgFunc exchange, CompareFunction compare, int size) {
+static char* Partition(char* left, char* right, ExgFunc exchange, CompareFunction compare, int size) {
   if (right <= left) return left;
   char* pivot = right - size;
   char* mid = MedOf3(left, right, exchange, compare, size);

@@ -9,8 +9,6 @@
 
 // Compares two items (the searched-for or left item first): <0, 0 or >0.
 typedef int (*CompareFunction)(const void* item1, const void* item2);
-// Exchanges two items of the given size.
-typedef void (*ExgFunc)(void* item1, void* item2, int size);
 
 // ---------------------------------------------------------------- compare
 KV_EXPORT int ShortCompare(const void* a, const void* b);
@@ -29,13 +27,6 @@ KV_EXPORT void SwapBlock(void* block1, void* block2, int size);
 KV_EXPORT void QSort(char* array, int numElems, int elemSize, CompareFunction cmpFn);
 KV_EXPORT void HeapSort(void* array, int numElems, int elemSize, CompareFunction cmpFn);
 KV_EXPORT void InsertionSort(void* array, int numElements, int elemSize, CompareFunction cmpFn);
-
-// Quick-sort building blocks, internal (declared for white-box tests).
-void ExchgB(void* a, void* b, int size);
-void ExchgW(void* a, void* b, int size);
-void ExchgL(void* a, void* b, int size);
-char* MedOf3(char* left, char* right, ExgFunc exchange, CompareFunction compare, int size);
-char* Partition(char* left, char* right, ExgFunc exchange, CompareFunction compare, int size);
 
 // ---------------------------------------------------------------- strings
 KV_EXPORT char* StrDupl(const char* str);

@@ -6,6 +6,7 @@
 #include <string.h>
 
 #include "TcpVxiAPI.h"
+#include "TcpVxiAPIint.h"
 #include "kvtcp_internal.h"
 #include "kvlog.h"
 

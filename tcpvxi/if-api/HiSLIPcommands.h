@@ -42,11 +42,6 @@ enum {
 #define VXICMD_WS_RESP16 0x10000000u   // code 14: read a 16-bit response
 #define VXICMD_WS_RESP32 0x20000000u   // code 14: read a 32-bit response
 
-// Bits ORed into the command word, indexed by the host's address space
-// (0 none, 1 A16, 2 A24, 3 A32) and access privilege (0-7).
-extern const uint32_t IOFLAGS_ALEN[4];
-extern const uint32_t IOFLAGS_AMMode[8];
-
 typedef struct {
   uint32_t cmd;
   uint32_t tmo;
@@ -188,14 +183,5 @@ static_assert(sizeof(sVxiAnsw_WRITE) == 8, "bridge record size");
 static_assert(sizeof(sVxiAnsw_CMDRESP) == 8, "bridge record size");
 static_assert(sizeof(sVXI_STATID) == 8, "bridge record size");
 static_assert(offsetof(sVxiACmd_STATID, StatID) == 8, "bridge record size");
-
-// Exchange routines (no lock of their own; the callers hold the driver mutex
-// where the protocol asks for it).
-ViInt32 intfQuery(PINTFINFO intf, char* outbuff, ViInt32 outbuffsize, char* inbuff, ViInt32 inbuffsize,
-                  ViInt32 timeout);
-ViStatus CheckIOstatus(int N, void* Answ);
-int intfWriteCmdBuf(PINTFINFO intf, psVxiCmd_OUTBUF Cmd, char* buff, ViInt32 bsize, ViInt32* count);
-int intfWriteCmdReadBuf(PINTFINFO intf, psVxiCmd_INBUFq Cmd, char* buff, ViInt32 bsize, ViInt32* count);
-ViStatus LockToIPAddr(PINTFINFO intf);
 
 #endif

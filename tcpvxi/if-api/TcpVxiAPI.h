@@ -110,37 +110,4 @@ KV_EXPORT ViStatus vintfWSLresp(ViUInt16 intfIdx, ViUInt32 NInstr, ViUInt32 time
 KV_EXPORT ViStatus vintfWStrg(ViUInt16 intfIdx, ViUInt32 NInstr, ViUInt32 timeout);
 KV_EXPORT ViStatus vintfWSclr(ViUInt16 intfIdx, ViUInt32 NInstr, ViUInt32 timeout);
 
-// Driver internals shared between the driver's source files.
-void tcpEventHandler(pKvTcpInfo kvtcp);
-ViStatus GetResmanText(INTFINFO* intf, unsigned char* buf, int maxlen);
-int Ini_LineTextInputFunction(void* inputSource, char* inputBuffer, int maxLineLength, int* endOfSource,
-                              int* lineNumRead);
-
-typedef struct {
-  const unsigned char* buf;
-  int idx;
-} sLineTextInput;
-
-int ReadD08(PINTFINFO intf, ViUInt32 Addr, ViUInt32 AddrMap, ViUInt32 AddrMode, ViUInt8* data);
-int ReadD16(PINTFINFO intf, ViUInt32 Addr, ViUInt32 AddrMap, ViUInt32 AddrMode, ViUInt16* data);
-int ReadD32(PINTFINFO intf, ViUInt32 Addr, ViUInt32 AddrMap, ViUInt32 AddrMode, ViUInt32* data);
-int WriteD08(PINTFINFO intf, ViUInt32 Addr, ViUInt32 AddrMap, ViUInt32 AddrMode, ViUInt8 data);
-int WriteD16(PINTFINFO intf, ViUInt32 Addr, ViUInt32 AddrMap, ViUInt32 AddrMode, ViUInt16 data);
-int WriteD32(PINTFINFO intf, ViUInt32 Addr, ViUInt32 AddrMap, ViUInt32 AddrMode, ViUInt32 data);
-void PokeD08(PINTFINFO intf, ViUInt32 Addr, ViUInt32 AddrMap, ViUInt32 AddrMode, ViUInt8 data);
-void PokeD16(PINTFINFO intf, ViUInt32 Addr, ViUInt32 AddrMap, ViUInt32 AddrMode, ViUInt16 data);
-void PokeD32(PINTFINFO intf, ViUInt32 Addr, ViUInt32 AddrMap, ViUInt32 AddrMode, ViUInt32 data);
-int WriteBlkD08(PINTFINFO intf, ViUInt32 Addr, ViUInt32 AddrMap, ViUInt32 AddrMode, ViBoolean Inc, ViUInt8* Block,
-                ViUInt32 count);
-int WriteBlkD16(PINTFINFO intf, ViUInt32 Addr, ViUInt32 AddrMap, ViUInt32 AddrMode, ViBoolean Inc,
-                ViUInt16* Block, ViUInt32 count);
-int WriteBlkD32(PINTFINFO intf, ViUInt32 Addr, ViUInt32 AddrMap, ViUInt32 AddrMode, ViBoolean Inc,
-                ViUInt32* Block, ViUInt32 count);
-int ReadBlkD08(PINTFINFO intf, ViUInt32 Addr, ViUInt32 AddrMap, ViUInt32 AddrMode, ViBoolean Inc, ViUInt8* Block,
-               ViUInt32 count);
-int ReadBlkD16(PINTFINFO intf, ViUInt32 Addr, ViUInt32 AddrMap, ViUInt32 AddrMode, ViBoolean Inc, ViUInt16* Block,
-               ViUInt32 count);
-int ReadBlkD32(PINTFINFO intf, ViUInt32 Addr, ViUInt32 AddrMap, ViUInt32 AddrMode, ViBoolean Inc, ViUInt32* Block,
-               ViUInt32 count);
-
 #endif

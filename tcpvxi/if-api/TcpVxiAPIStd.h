@@ -126,13 +126,4 @@ typedef void (*eventHandler)(ViUInt32 eventType, ViUInt16 intfIdx, ViUInt32 inst
 // Transport time-out for bridge commands, in milliseconds.
 #define TCPVXI_CMD_TMO 2000
 
-extern INTFINFO Interfaces[TCPVXI_MAX_INTF];
-extern SHAREDMEMINTF* tcpvxiGD;
-extern HANDLE hMapObject;
-extern MUTEX_TYPE hMutexTcpVxiRM;
-extern const char* shmemNameTcpvxi;
-extern int FillRsrcCalled;
-extern ViSession defRM;
-extern eventHandler userCallback;
-
 #endif

@@ -3,7 +3,7 @@
 #include <thread>
 
 #include "bsim.h"
-#include "TcpVxiAPI.h"
+#include "TcpVxiAPIint.h"
 #include "inifile.h"
 
 using namespace bsim;

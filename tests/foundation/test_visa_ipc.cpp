@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "visa-ipc.h"
+#include "visa-ipc_internal.h"
 
 namespace {
 

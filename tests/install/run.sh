@@ -1,8 +1,9 @@
 #!/bin/bash
 # make test-install: what a user gets from `make package`.  Installs the
 # package tree into a temporary DESTDIR and checks, against that tree only:
-# every public header compiles on its own; a program builds through
-# pkg-config and one through find_package(tcpvxi); the installed tcpvxi-host
+# every public header compiles on its own, and the headers declare exactly
+# what the library exports; a program builds through pkg-config and one
+# through find_package(tcpvxi); the installed tcpvxi-host
 # drives the installed simulator through the plug-in, and both programs run
 # against it (isolated: fixed port and shared-memory names); the manual pages
 # render; the .deb holds what it should, nothing outside /usr, and lintian
@@ -50,6 +51,18 @@ for h in "$inc"/*.h; do
   echo "#include <$(basename "$h")>" | g++ -std=c++11 -Wall -Werror -fsyntax-only -I"$inc" -x c++ - ||
     { echo "header does not compile alone: $h"; exit 1; }
 done
+
+# What the headers declare is exactly what the library exports: a program
+# never meets a declaration it cannot link against, and nothing exported
+# goes undeclared.
+for h in "$inc"/*.h; do echo "#include <$(basename "$h")>"; done |
+  clang++ -std=c++17 -fsyntax-only -Xclang -ast-dump=json -I"$inc" -x c++ - |
+  /usr/bin/python3 "$root/tests/install/declared.py" "$inc" >"$work/declared"
+nm -D --defined-only -C "$prefix/$libdir/libtcpvxi.so" | sed -E 's/^[0-9a-f]+ [A-Za-z] //; s/\(.*//' |
+  LC_ALL=C sort -u >"$work/exported"
+diff "$work/declared" "$work/exported" >"$work/decl.diff" || {
+  echo "headers and exports differ (<: declared but not exported, >: exported but not declared):"
+  cat "$work/decl.diff"; exit 1; }
 
 export PKG_CONFIG_PATH="$prefix/$libdir/pkgconfig"
 [ "$(pkg-config --modversion tcpvxi)" = "$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$build/CMakeCache.txt")" ]
