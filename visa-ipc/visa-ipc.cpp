@@ -9,12 +9,15 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <mutex>
+#include <string>
+#include <unordered_map>
 
 #include "visa-ipc_internal.h"
 
@@ -98,11 +101,73 @@ int mutex_name_valid(const char* name) {
   return n >= 2 && n <= 251;
 }
 
+namespace {
+
+// The look and the post of util_mutex_unlock must be one step, within the
+// process (this mutex) and across processes: an exclusive flock on the
+// semaphore's own file under /dev/shm, which the kernel drops with a process
+// that dies holding it.  Each process opens the file itself (after a fork
+// the parent's descriptor would share its lock with the child).  Where the
+// file cannot be opened the unlock still works, guarded in-process only.
+std::mutex g_postMutex;
+
+struct PostGuard {
+  std::string path;
+  int fd;
+  pid_t pid;
+  int opens;  // sem_open hands out one handle per name and process
+};
+
+std::unordered_map<MUTEX_TYPE, PostGuard>& postGuards() {
+  static auto* guards = new std::unordered_map<MUTEX_TYPE, PostGuard>;  // used until the process ends
+  return *guards;
+}
+
+void postGuardOpened(MUTEX_TYPE h, const char* name) {
+  while (*name == '/') name++;  // as sem_open names its file
+  std::lock_guard<std::mutex> g(g_postMutex);
+  auto it = postGuards().find(h);
+  if (it != postGuards().end()) {
+    it->second.opens++;
+    return;
+  }
+  postGuards()[h] = PostGuard{std::string("/dev/shm/sem.") + name, -1, 0, 1};
+}
+
+void postGuardClosed(MUTEX_TYPE h) {
+  std::lock_guard<std::mutex> g(g_postMutex);
+  auto it = postGuards().find(h);
+  if (it == postGuards().end() || --it->second.opens > 0) return;
+  if (it->second.fd >= 0 && it->second.pid == getpid()) close(it->second.fd);
+  postGuards().erase(it);
+}
+
+// This process's descriptor of h's file, or -1.  Called under g_postMutex.
+int postGuardFd(MUTEX_TYPE h) {
+  auto it = postGuards().find(h);
+  if (it == postGuards().end()) return -1;
+  PostGuard& pg = it->second;
+  pid_t me = getpid();
+  if (pg.pid != me) {  // first use here, or a parent's descriptor
+    pg.fd = open(pg.path.c_str(), O_RDONLY | O_CLOEXEC);
+    pg.pid = me;
+  }
+  return pg.fd;
+}
+
+void flockRetrying(int fd, int op) {
+  while (flock(fd, op) != 0 && errno == EINTR) {
+  }
+}
+
+}  // namespace
+
 ViStatus util_mutex_open(const char* mutexName, MUTEX_TYPE* hMutex) {
   if (!mutex_name_valid(mutexName)) return VI_ERROR_ABORT;
   // Stored unchecked: a failed open leaves SEM_FAILED, and the first lock
   // then fails through sem_trywait.
   *hMutex = sem_open(mutexName, O_CREAT, 0644, 1);
+  if (*hMutex != SEM_FAILED) postGuardOpened(*hMutex, mutexName);
   return VI_SUCCESS;
 }
 
@@ -151,30 +216,26 @@ ViStatus util_mutexes_lock(ViUInt32 nMutex, MUTEX_TYPE* hMutex, ViUInt32 s_tmo) 
   return VI_ERROR_TMO;
 }
 
-namespace {
-// Serialises the look and the post of util_mutex_unlock within the process.
-std::mutex g_postMutex;
-}  // namespace
-
 // Posts only a semaphore that is not free already, so the mutex stays
 // binary: a lock that timed out goes on unguarded and still unlocks, and two
 // such unlocks (or the core lock's release without a wait) would otherwise
-// count it up to 2 and more, after which it would exclude nobody.  Within
-// the process the look and the post are one step; two processes unlocking
-// in the same instant can still both post, and the count then comes back to
-// 1 with the next lock and unlock (an unlock of a free semaphore posts
-// nothing).
+// count it up to 2 and more, after which it would exclude nobody.
 void util_mutex_unlock(MUTEX_TYPE hMutex) {
   if (!hMutex) return;
   std::lock_guard<std::mutex> g(g_postMutex);
+  int fd = postGuardFd(hMutex);
+  if (fd >= 0) flockRetrying(fd, LOCK_EX);
   int v = 0;
-  if (sem_getvalue(hMutex, &v) == 0 && v >= 1) return;
-  sem_post(hMutex);
+  if (!(sem_getvalue(hMutex, &v) == 0 && v >= 1)) sem_post(hMutex);
+  if (fd >= 0) flockRetrying(fd, LOCK_UN);
 }
 
 void util_mutex_close(const char* mutexName, MUTEX_TYPE* hMutex) {
   if (hMutex && *hMutex) {
-    if (*hMutex != SEM_FAILED) sem_close(*hMutex);
+    if (*hMutex != SEM_FAILED) {
+      postGuardClosed(*hMutex);
+      sem_close(*hMutex);
+    }
     sem_unlink(mutexName);
     *hMutex = nullptr;
   }

@@ -2,6 +2,8 @@
 // unlocks, and a read from a peer that has closed its side.
 #include <gtest/gtest.h>
 #include <semaphore.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 
@@ -43,6 +45,28 @@ TEST(Faults, DriverMutexStaysBinary) {
   EXPECT_EQ(1, semValue(m));
   MUTEX_TYPE two[2] = {m, m};
   util_mutexes_lock(2, two, 0);
+  EXPECT_LE(semValue(m), 1);
+
+  // Two processes that take and give back the mutex as fast as they can,
+  // so that both often unlock it at the same instant: never above 1.
+  pid_t kids[2];
+  for (pid_t& kid : kids) {
+    kid = fork();
+    if (kid == 0) {
+      int above = 0;
+      for (int k = 0; k < 200000; k++) {
+        sem_trywait(m);
+        util_mutex_unlock(m);
+        if (semValue(m) > 1) above++;
+      }
+      _exit(above ? 1 : 0);
+    }
+  }
+  for (pid_t kid : kids) {
+    int status = -1;
+    waitpid(kid, &status, 0);
+    EXPECT_EQ(0, status) << "a process saw the mutex count above 1";
+  }
   EXPECT_LE(semValue(m), 1);
   util_mutex_close("/kvIntegrityMutex", &m);
 }
