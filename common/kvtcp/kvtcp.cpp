@@ -373,6 +373,7 @@ int kvtcp_Read(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int count, ViUInt16
       KvExchangeGuard x(intf);
       int st = x.resync(intf);
       if (st < 0) return st;
+      x.resumeHeld(intf);
       return kvtcp_hislip_Read(intf, timeout, buf, count, flags, eos, retcount);
     }
     default: return VI_ERROR_NSUP_OPER;
@@ -391,6 +392,7 @@ int kvtcp_Query(pKvTcpInfo intf, ViUInt32 timeout, char* outbuf, int outcount, c
   if (intf->tcpType == KVTCP_HISLIP) {
     int rs = x.resync(intf);
     if (rs < 0) return rs;
+    x.resumeHeld(intf);
   }
   int written = 0;
   int st = kvtcp_Write(intf, timeout, outbuf, outcount, 0x0203, &written);

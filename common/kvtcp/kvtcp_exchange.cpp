@@ -33,6 +33,12 @@ struct KvExchange {
   bool abandon = false;     // the answer in progress belongs to an exchange that is over
   char* buf = nullptr;      // scratch for joined commands and long answers, grown on demand
   size_t cap = 0;
+  // A plain read's message set aside by a bridge command (null: none): its
+  // header, and the bytes still to read from held + heldPos to heldLen.
+  char* held = nullptr;
+  uint32_t heldLen = 0, heldPos = 0;
+  sHiSPLIP_Header heldHdr{};
+  bool heldCurrent = false;  // the held message is the record's message in progress
 };
 
 namespace {
@@ -40,6 +46,17 @@ namespace {
 // How long an out-of-step connection may take to deliver what it still owes
 // before it is given up: the bridge commands' own transport time-out.
 constexpr ViUInt64 kResyncMs = 2000;
+
+// The longest rest of a plain read's message that is held in memory when a
+// bridge command interrupts it; a longer one costs the session instead.
+constexpr uint32_t kHeldMax = 16u << 20;
+
+void dropHeld(KvExchange* x) {
+  free(x->held);
+  x->held = nullptr;
+  x->heldLen = x->heldPos = 0;
+  x->heldCurrent = false;
+}
 
 std::mutex g_tableMutex;
 
@@ -148,6 +165,7 @@ void KvExchangeGuard::reset() {
   x_->skip = 0;
   x_->lost = false;
   x_->abandon = false;
+  dropHeld(x_);
 }
 
 // Resynchronisation.  Every bridge command is answered by exactly one HiSLIP
@@ -212,6 +230,55 @@ void KvExchangeGuard::ended(pKvTcpInfo intf, int status) {
 }
 
 void KvExchangeGuard::sendFailed() { x_->lost = true; }
+
+// A message an exchange left half-read is that exchange's (abandon): the
+// next resynchronisation drops it.  Any other message in progress is a
+// plain reader's.
+int KvExchangeGuard::setAside(pKvTcpInfo intf) {
+  sHiSPLIP_Header* in = &intf->hislipInHdr;
+  if (in->msg == 0 || x_->abandon) return VI_SUCCESS;
+  if (x_->heldCurrent) {  // still in memory: only its place changes
+    x_->heldHdr = *in;
+    x_->heldCurrent = false;
+    in->msg = 0;
+    return VI_SUCCESS;
+  }
+  uint32_t n = in->dataLen;
+  char* rest = (char*)malloc(n ? n : 1);
+  bool ok = rest && n <= kHeldMax && readExact(intf->S_Core, rest, n, util_timer_ms() + kResyncMs);
+  if (!ok) {
+    free(rest);
+    KVTCP_LOG("rest of a message in progress did not come, session given up");
+    kvtcp_Disconnect(intf);
+    reset();
+    return VI_ERROR_CONN_LOST;
+  }
+  x_->held = rest;
+  x_->heldLen = n;
+  x_->heldPos = 0;
+  x_->heldHdr = *in;
+  in->msg = 0;
+  return VI_SUCCESS;
+}
+
+void KvExchangeGuard::resumeHeld(pKvTcpInfo intf) {
+  if (!x_->held || x_->heldCurrent || !outermost() || intf->hislipInHdr.msg != 0) return;
+  intf->hislipInHdr = x_->heldHdr;
+  x_->heldCurrent = true;
+}
+
+void KvExchangeGuard::forgetHeld() { dropHeld(x_); }
+
+int kvtcp_TakeHeld(pKvTcpInfo intf, char* buf, int n) {
+  KvExchange* x = exchangeOf(intf);
+  if (!x->heldCurrent) return -1;
+  uint32_t avail = x->heldLen - x->heldPos;
+  uint32_t take = n < 0 ? 0 : ((uint32_t)n < avail ? (uint32_t)n : avail);
+  memcpy(buf, x->held + x->heldPos, take);
+  x->heldPos += take;
+  if (x->heldPos == x->heldLen) dropHeld(x);
+  return (int)take;
+}
 
 // Grows to the largest size asked for and stays there: a connection that
 // moves blocks keeps one chunk's worth (64 KiB and a little) for its life.

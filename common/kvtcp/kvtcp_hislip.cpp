@@ -536,11 +536,13 @@ int sendCommand(pKvTcpInfo intf, const char* head, int headLen, const char* data
   sHiSPLIP_Header h;
   memset(&h, 0, sizeof h);  // the parameter of a vendor-specific message is sent as 0
   h.msg = HISLIP_VendorSpecific;
+  int st = x.setAside(intf);
+  if (st < 0) return st;
   if (!(flags & KVTCP_FLAG_LOCKED)) {
-    int st = WaitIntfLock(intf);
+    st = WaitIntfLock(intf);
     if (st < 0) return st;
   }
-  int st = hislip_SendParts(intf->S_Core, &h, head, headLen, data, dataLen, &x);
+  st = hislip_SendParts(intf->S_Core, &h, head, headLen, data, dataLen, &x);
   if (st < 0) x.sendFailed();
   if (st < 0 || !(flags & KVTCP_FLAG_KEEP)) ReleaseIntfLock(intf);
   return st;
@@ -625,6 +627,18 @@ int kvtcp_hislip_Write(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int count, 
 // of the message in progress (type 0: none), its dataLen what is still unread.
 namespace {
 
+// Bytes of the message in progress: from memory when a bridge command set
+// its rest aside, else from the channel (queued: most likely there already).
+int takeBytes(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int len, bool queued, int* n) {
+  int held = kvtcp_TakeHeld(intf, buf, len);
+  if (held >= 0) {
+    *n = held;
+    return VI_SUCCESS;
+  }
+  return queued ? recvMinQueued(intf->S_Core, timeout, buf, len, len, n)
+                : recvMin(intf->S_Core, timeout, buf, len, len, n);
+}
+
 // The header of the next message, unless one is in progress already.
 int beginMessage(pKvTcpInfo intf, ViUInt32 timeout, ViUInt16 flags) {
   sHiSPLIP_Header* in = &intf->hislipInHdr;
@@ -679,7 +693,7 @@ int kvtcp_hislip_Read(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int count, V
   char last = 0;
   uint32_t left = remaining;  // unread bytes of the message should a read fail
   if (remaining >= (uint32_t)count) {
-    st = recvMinQueued(intf->S_Core, timeout, buf, count, count, &n);
+    st = takeBytes(intf, timeout, buf, count, true, &n);
     left = remaining - (uint32_t)n;
     if (n > 0) {
       lastValid = true;
@@ -690,13 +704,13 @@ int kvtcp_hislip_Read(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int count, V
       // The sender's padding to 32 bits.  As designed, this read's count
       // replaces the one above: the call reports (and consumes) the padding.
       char scratch[4];
-      st = recvMin(intf->S_Core, timeout, scratch, (int)pad, (int)pad, &n);
+      st = takeBytes(intf, timeout, scratch, (int)pad, false, &n);
       left = pad - (uint32_t)n;
       lastValid = n > 0;
       if (lastValid) last = scratch[n - 1];
     }
   } else {
-    st = recvMinQueued(intf->S_Core, timeout, buf, (int)remaining, (int)remaining, &n);
+    st = takeBytes(intf, timeout, buf, (int)remaining, true, &n);
     left = remaining - (uint32_t)n;
     if (n > 0) {
       lastValid = true;
@@ -767,5 +781,6 @@ int kvtcp_hislip_Clear(pKvTcpInfo intf, ViUInt32 tmo) {
   resetMessageId(intf);
   // A message that was being read when the clear came is abandoned.
   intf->hislipInHdr.msg = 0;
+  x.forgetHeld();
   return VI_SUCCESS;
 }

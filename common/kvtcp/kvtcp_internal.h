@@ -117,6 +117,17 @@ class KvExchangeGuard {
   void ended(pKvTcpInfo intf, int status);
   // The command itself did not go out whole: the channel's position is lost.
   void sendFailed();
+  // Before a bridge command goes out: a message that a plain read has begun
+  // and not finished (an instrument answer read in pieces) would otherwise be
+  // taken for the command's answer.  Its rest is read off the channel and
+  // held for the plain reader.  0, or VI_ERROR_CONN_LOST after giving the
+  // session up (the rest did not come in time, or is too long to hold).
+  int setAside(pKvTcpInfo intf);
+  // At the start of a plain read or query: a held message becomes the
+  // message in progress again, so plain reads see messages in wire order.
+  void resumeHeld(pKvTcpInfo intf);
+  // A device clear abandons the held message with the one in progress.
+  void forgetHeld();
   // A new session (or none): nothing owed.
   void reset();
   // The connection's own scratch buffer, at least n bytes, kept from one
@@ -127,6 +138,11 @@ class KvExchangeGuard {
  private:
   KvExchange* x_;
 };
+
+// Bytes of the held message in progress (see setAside) for a read under the
+// connection's guard: up to n copied into buf and their count returned, or -1
+// when the message in progress comes from the channel itself.
+int kvtcp_TakeHeld(pKvTcpInfo intf, char* buf, int n);
 
 // Shuts *s down (if open) without closing it, so that a thread blocked on it
 // wakes up; the descriptor stays valid until it is closed.

@@ -244,6 +244,19 @@ TEST_F(WordSerial, BridgeItselfThroughHislipDataMessages) {
   EXPECT_GE(sim().stats().dataMessages, before.dataMessages + 2);
   EXPECT_EQ(before.bridgeCommands, sim().stats().bridgeCommands);
 
+  // An answer read in pieces with register reads in between: each register
+  // read gets its own value, and the pieces join up to the whole answer.
+  ViUInt16 id = 0, again = 0;
+  ASSERT_EQ(0, vintfIn16(0, 0, 1, configBase(kLaBridge), &id));
+  ASSERT_EQ(0, send(bridge, "*IDN?\n"));
+  std::string pieces;
+  for (int k = 0; k < 4; k++) {
+    pieces += receive(bridge, 10, kEnd).text;
+    EXPECT_EQ(0, vintfIn16(0, 0, 1, configBase(kLaBridge), &again));
+    EXPECT_EQ(id, again) << k;
+  }
+  EXPECT_EQ("Simulated,LAN-VXI Bridge,SIM0001,1.0\n", pieces);
+
   // Commands and responses still go to logical address 0 as bridge commands.
   ViUInt16 resp = 0;
   EXPECT_EQ(0, vintfWScmd(0, bridge, kTimeout, 0xDFFF, 1, &resp));

@@ -198,6 +198,39 @@ TEST(HislipData, LongWriteThenReadsEndAndTerminate) {
   kvtcp_Close(r);
 }
 
+// A bridge command while a plain read is half-way through a message: the
+// command gets its own answer, and the plain reader the rest of its message
+// afterwards.  A rest that never comes costs the session, not the data.
+TEST(HislipRead, BridgeCommandSetsAsideAHalfReadMessage) {
+  Peer peer;
+  peer.run([](Peer& p) {
+    hs::sendMsg(p.sync, 7, 0, 0x10, "instrument answer\n");
+    for (const char* answer : {"ANS1", "ANS2"}) {
+      EXPECT_EQ(128, hs::readMsg(p.sync).type);
+      hs::sendMsg(p.sync, 128, 0, 0, answer);
+    }
+    kt::sendAllBytes(p.sync, kt::header(7, 0, 0x12, 50) + "cut");  // 47 bytes never come
+    EXPECT_EQ(0xFF, hs::readMsg(p.sync).type);                     // no command is sent
+  });
+  KvTcpInfo* r = hs::connected();
+  char buf[32] = {}, cmd[8] = "cmd";
+  int n = 0;
+  std::string got;
+  for (const char* answer : {"ANS1", "ANS2"}) {  // a piece of the message, then a command
+    EXPECT_EQ(0, kvtcp_Read(r, 2000, buf, 6, 0, 0, &n));
+    got.append(buf, n);
+    EXPECT_EQ(0, kvtcp_kvhislip_Query(r, 2000, cmd, 4, buf, 4, &n));
+    EXPECT_EQ(answer, std::string(buf, n));
+  }
+  EXPECT_EQ(2, kvtcp_Read(r, 2000, buf, sizeof buf, 0, 0, &n));  // the rest, up to the message end
+  got.append(buf, n);
+  EXPECT_EQ("instrument answer\n", got);
+  EXPECT_EQ(0, kvtcp_Read(r, 2000, buf, 2, 0, 0, &n));
+  EXPECT_EQ(VI_ERROR_CONN_LOST, kvtcp_kvhislip_Query(r, 2000, cmd, 4, buf, 4, &n));
+  EXPECT_EQ(0, r->Connected);
+  kvtcp_Close(r);
+}
+
 TEST(HislipRead, ErrorMessagesAndBrokenHeaders) {
   const int LOST = VI_ERROR_CONN_LOST;
   struct Row { std::string wire; int status; std::string logged; };
