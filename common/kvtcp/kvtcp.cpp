@@ -374,7 +374,10 @@ int kvtcp_Read(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int count, ViUInt16
       int st = x.resync(intf);
       if (st < 0) return st;
       x.resumeHeld(intf);
-      return kvtcp_hislip_Read(intf, timeout, buf, count, flags, eos, retcount);
+      kvtcp_syncLeft = KvSyncLeft();
+      st = kvtcp_hislip_Read(intf, timeout, buf, count, flags, eos, retcount);
+      if (x.outermost()) x.plainReadEnded(st);
+      return st;
     }
     default: return VI_ERROR_NSUP_OPER;
   }
@@ -397,7 +400,9 @@ int kvtcp_Query(pKvTcpInfo intf, ViUInt32 timeout, char* outbuf, int outcount, c
   int written = 0;
   int st = kvtcp_Write(intf, timeout, outbuf, outcount, 0x0203, &written);
   if (st < 0) return st;
-  return kvtcp_Read(intf, timeout, inbuf, incount, (ViUInt16)(inflags | KVTCP_FLAG_LOCKED), eos, retcount);
+  st = kvtcp_Read(intf, timeout, inbuf, incount, (ViUInt16)(inflags | KVTCP_FLAG_LOCKED), eos, retcount);
+  if (intf->tcpType == KVTCP_HISLIP && x.outermost()) x.plainReadEnded(st);
+  return st;
 }
 
 int kvtcp_ReadSTB(pKvTcpInfo intf, ViUInt32 tmo, ViUInt16* stb) {

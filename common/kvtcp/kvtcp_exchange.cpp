@@ -231,6 +231,14 @@ void KvExchangeGuard::ended(pKvTcpInfo intf, int status) {
 
 void KvExchangeGuard::sendFailed() { x_->lost = true; }
 
+// A plain read owes nothing when no message came (there may be none to
+// come), but one cut short leaves a known rest on the channel, where the
+// next read would take it for a header.  A broken header is left as it is:
+// the read already reported the lost connection, and the host reopens.
+void KvExchangeGuard::plainReadEnded(int status) {
+  if (status < 0 && kvtcp_syncLeft.state == KvSyncLeft::kBytes) x_->skip += kvtcp_syncLeft.bytes;
+}
+
 // A message an exchange left half-read is that exchange's (abandon): the
 // next resynchronisation drops it.  Any other message in progress is a
 // plain reader's.
@@ -244,8 +252,8 @@ int KvExchangeGuard::setAside(pKvTcpInfo intf) {
     return VI_SUCCESS;
   }
   uint32_t n = in->dataLen;
-  char* rest = (char*)malloc(n ? n : 1);
-  bool ok = rest && n <= kHeldMax && readExact(intf->S_Core, rest, n, util_timer_ms() + kResyncMs);
+  char* rest = n <= kHeldMax ? (char*)malloc(n ? n : 1) : nullptr;
+  bool ok = rest && readExact(intf->S_Core, rest, n, util_timer_ms() + kResyncMs);
   if (!ok) {
     free(rest);
     KVTCP_LOG("rest of a message in progress did not come, session given up");

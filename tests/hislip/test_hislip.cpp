@@ -235,7 +235,7 @@ TEST(HislipRead, ErrorMessagesAndBrokenHeaders) {
   const int LOST = VI_ERROR_CONN_LOST;
   struct Row { std::string wire; int status; std::string logged; };
   const Row rows[] = {
-      {kt::header(9, 0, 0, 0), LOST, "Wait Data/DataEnd, get unexpected 9"},  // not a data message
+      {kt::header(9, 0, 0, 4) + "junk", LOST, "Wait Data/DataEnd, get unexpected 9"},  // its payload is skipped
       {kt::header(3, 5, 0, 30) + "the command is not understood.", VI_ERROR_IO,
        "get Error 3/5, the command is not understood."},
       {kt::header(2, 1, 0, 40) + "the connection cannot go on, please stop", LOST,
