@@ -16,8 +16,8 @@
 #include <unistd.h>
 
 #include <mutex>
-#include <string>
 #include <unordered_map>
+#include <utility>
 
 #include "visa-ipc_internal.h"
 
@@ -112,7 +112,7 @@ namespace {
 std::mutex g_postMutex;
 
 struct PostGuard {
-  std::string path;
+  char path[sizeof "/dev/shm/sem." + 256];  // names are at most 251 bytes
   int fd;
   pid_t pid;
   int opens;  // sem_open hands out one handle per name and process
@@ -131,7 +131,9 @@ void postGuardOpened(MUTEX_TYPE h, const char* name) {
     it->second.opens++;
     return;
   }
-  postGuards()[h] = PostGuard{std::string("/dev/shm/sem.") + name, -1, 0, 1};
+  PostGuard pg{{}, -1, 0, 1};
+  snprintf(pg.path, sizeof pg.path, "/dev/shm/sem.%s", name);
+  postGuards().insert(std::make_pair(h, pg));
 }
 
 void postGuardClosed(MUTEX_TYPE h) {
@@ -149,7 +151,7 @@ int postGuardFd(MUTEX_TYPE h) {
   PostGuard& pg = it->second;
   pid_t me = getpid();
   if (pg.pid != me) {  // first use here, or a parent's descriptor
-    pg.fd = open(pg.path.c_str(), O_RDONLY | O_CLOEXEC);
+    pg.fd = open(pg.path, O_RDONLY | O_CLOEXEC);
     pg.pid = me;
   }
   return pg.fd;
