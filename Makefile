@@ -45,13 +45,13 @@ test: deps
 	$(MAKE) test-install
 	$(MAKE) fuzz
 
-# The Debian package: its own tree, installed under /usr, without tests.
+# The Debian packages: their own tree, installed under /usr, without tests.
 package: deps
 	cmake -S . -B build/package $(GEN) -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr -DKV_BUILD_TESTS=OFF $(CCACHE) $(CMAKE_FLAGS)
 	cmake --build build/package -j $(JOBS)
 	cd build/package && cpack -G DEB
 
-# The installed tree and the package as a user gets them.
+# The installed tree and the packages as a user gets them.
 test-install: package
 	@bash tests/install/run.sh build/package
 

@@ -6,8 +6,8 @@
 # through find_package(tcpvxi); the installed tcpvxi-host
 # drives the installed simulator through the plug-in, and both programs run
 # against it (isolated: fixed port and shared-memory names); the manual pages
-# render; the .deb holds what it should, nothing outside /usr, and lintian
-# finds no error.
+# render; each .deb holds what it should and nothing outside /usr, every
+# installed file is in exactly one of them, and lintian finds no error.
 set -eu
 root=$(cd "$(dirname "$0")/../.." && pwd)
 
@@ -84,19 +84,28 @@ for m in "$prefix"/share/man/man*/*; do
 done
 echo "== $(ls "$prefix"/share/man/man*/* | wc -l) man pages render"
 
-deb=$(ls "$build"/tcpvxi_*.deb)
-dpkg-deb -c "$deb" >"$work/contents"
-for f in "./usr/$libdir/visa/libtcpvxi.so" ./usr/bin/tcpvxi-host ./usr/bin/tcpvxi-bridge-sim \
-         ./usr/bin/vxi11-instrument-sim ./usr/include/tcpvxi/tcpvxi.h "./usr/$libdir/pkgconfig/tcpvxi.pc" \
-         ./usr/share/man/man5/resmantcpvxi.out.5.gz ./usr/share/man/man1/tcpvxi-host.1.gz \
-         ./usr/lib/python3/dist-packages/pyvisa_tcpvxi/__init__.py; do
-  grep -q " $f" "$work/contents" || { echo "missing from the package: $f"; exit 1; }
-done
-if awk '{print $6}' "$work/contents" | grep -v -e '^\./$' -e '^\./usr/'; then
-  echo "the package installs outside /usr"; exit 1
-fi
-dpkg-deb -f "$deb" Depends | grep -q libtirpc
-echo "== $(basename "$deb"): $(wc -l <"$work/contents") entries, depends: $(dpkg-deb -f "$deb" Depends)"
-lintian --fail-on error "$deb" >"$work/lintian" 2>&1 || { cat "$work/lintian"; exit 1; }
-grep -v 'root privileges' "$work/lintian" || true
-echo "== lintian: no errors"
+# Each package holds its own files, its copyright, nothing outside /usr, and
+# passes lintian without error; every installed file is in exactly one.
+check_package() {  # the package, then files it must hold
+  local pkg=$1 deb
+  shift
+  deb=$(ls "$build/${pkg}_"*.deb)
+  dpkg-deb -c "$deb" | awk '{print $6}' >"$work/$pkg.contents"
+  for f in "$@" "./usr/share/doc/$pkg/copyright"; do
+    grep -qx "$f" "$work/$pkg.contents" || { echo "missing from $pkg: $f"; exit 1; }
+  done
+  if grep -v -e '^\./$' -e '^\./usr/' "$work/$pkg.contents"; then echo "$pkg installs outside /usr"; exit 1; fi
+  lintian --fail-on error "$deb" >"$work/lintian" 2>&1 || { cat "$work/lintian"; exit 1; }
+  grep -v 'root privileges' "$work/lintian" || true
+  echo "== $(basename "$deb"): $(grep -cv '/$' "$work/$pkg.contents") files, depends: $(dpkg-deb -f "$deb" Depends)"
+}
+check_package libtcpvxi1 "./usr/$libdir/libtcpvxi.so.1" "./usr/$libdir/visa/libtcpvxi.so"
+check_package libtcpvxi-dev ./usr/include/tcpvxi/tcpvxi.h "./usr/$libdir/pkgconfig/tcpvxi.pc" "./usr/$libdir/libtcpvxi.so"
+check_package tcpvxi-tools ./usr/bin/tcpvxi-host ./usr/bin/tcpvxi-bridge-sim ./usr/bin/vxi11-instrument-sim \
+  ./usr/share/man/man5/resmantcpvxi.out.5.gz ./usr/share/man/man1/tcpvxi-host.1.gz
+check_package python3-pyvisa-tcpvxi ./usr/lib/python3/dist-packages/pyvisa_tcpvxi/__init__.py
+dpkg-deb -f "$build"/tcpvxi-tools_*.deb Depends | grep -q libtirpc
+cat "$work"/*.contents | grep -v '/$' | LC_ALL=C sort >"$work/packaged"
+(cd "$stage" && find . ! -type d | LC_ALL=C sort) >"$work/installed"
+diff "$work/installed" "$work/packaged" || { echo "installed and packaged files differ (<: installed only)"; exit 1; }
+echo "== every installed file in exactly one package; lintian: no errors"
