@@ -33,12 +33,18 @@ struct KvExchange {
   bool abandon = false;     // the answer in progress belongs to an exchange that is over
   char* buf = nullptr;      // scratch for joined commands and long answers, grown on demand
   size_t cap = 0;
-  // A plain read's message set aside by a bridge command (null: none): its
-  // header, and the bytes still to read from held + heldPos to heldLen.
-  char* held = nullptr;
-  uint32_t heldLen = 0, heldPos = 0;
-  sHiSPLIP_Header heldHdr{};
-  bool heldCurrent = false;  // the held message is the record's message in progress
+  // Plain messages that bridge commands met on the channel, oldest first,
+  // waiting for the plain reader: the rest of one a plain read had begun, and
+  // instrument answers that came late.  Each keeps its header and the bytes
+  // still to read, from bytes + pos to bytes + len.
+  struct Held {
+    sHiSPLIP_Header hdr;
+    char* bytes;
+    uint32_t len, pos;
+  } held[8];
+  int heldCount = 0;
+  bool heldCurrent = false;  // held[0] is the record's message in progress
+  bool awaiting = false;     // a bridge command went out; its answer is next
 };
 
 namespace {
@@ -47,14 +53,21 @@ namespace {
 // before it is given up: the bridge commands' own transport time-out.
 constexpr ViUInt64 kResyncMs = 2000;
 
-// The longest rest of a plain read's message that is held in memory when a
-// bridge command interrupts it; a longer one costs the session instead.
+// The longest plain message held in memory for its reader; a longer one,
+// or more of them than the FIFO takes, costs the session instead.
 constexpr uint32_t kHeldMax = 16u << 20;
+constexpr int kHeldSlots = (int)(sizeof(KvExchange::held) / sizeof(KvExchange::held[0]));
 
 void dropHeld(KvExchange* x) {
-  free(x->held);
-  x->held = nullptr;
-  x->heldLen = x->heldPos = 0;
+  for (int i = 0; i < x->heldCount; i++) free(x->held[i].bytes);
+  x->heldCount = 0;
+  x->heldCurrent = false;
+}
+
+void popHeld(KvExchange* x) {
+  free(x->held[0].bytes);
+  for (int i = 1; i < x->heldCount; i++) x->held[i - 1] = x->held[i];
+  x->heldCount--;
   x->heldCurrent = false;
 }
 
@@ -133,6 +146,23 @@ bool readExact(SOCKET s, void* buf, size_t n, ViUInt64 deadline) {
   return true;
 }
 
+// Reads the payload of the plain message whose header h was just read and
+// queues it for the plain reader.  False when it does not come in time, is
+// too long, or the FIFO is full.
+bool holdFromWire(KvExchange* x, SOCKET s, const sHiSPLIP_Header& h, ViUInt64 deadline) {
+  uint32_t n = h.dataLen;
+  if (x->heldCount == kHeldSlots || n > kHeldMax) return false;
+  char* bytes = (char*)malloc(n ? n : 1);
+  if (!bytes || !readExact(s, bytes, n, deadline)) {
+    free(bytes);
+    return false;
+  }
+  x->held[x->heldCount++] = KvExchange::Held{h, bytes, n, 0};
+  return true;
+}
+
+bool isPlain(const sHiSPLIP_Header& h) { return h.msg == HISLIP_Data || h.msg == HISLIP_DataEnd; }
+
 }  // namespace
 
 namespace {
@@ -153,6 +183,7 @@ KvExchangeGuard::KvExchangeGuard(pKvTcpInfo intf) : x_(exchangeOf(intf)) {
 
 KvExchangeGuard::~KvExchangeGuard() {
   if (--x_->depth == 0) {
+    x_->awaiting = false;
     x_->owner.store(nullptr, std::memory_order_relaxed);
     x_->lock.unlock();
   }
@@ -196,8 +227,15 @@ int KvExchangeGuard::resync(pKvTcpInfo intf) {
     sHiSPLIP_Header h;
     ok = readExact(s, &h, sizeof h, deadline) && h.Prologue[0] == 'H' && h.Prologue[1] == 'S' && h.dataLenHigh == 0;
     if (!ok) break;
+    h.dataLen = wireSwap32(h.dataLen);
+    // Bridge answers are vendor-specific messages; an instrument's answer
+    // that came late in between is kept for its reader.
+    if (isPlain(h)) {
+      ok = holdFromWire(x_, s, h, deadline);
+      continue;
+    }
     x_->owed--;
-    ok = discard(s, wireSwap32(h.dataLen), deadline);
+    ok = discard(s, h.dataLen, deadline);
   }
   if (ok) {
     KVTCP_LOG("stale answer dropped");
@@ -241,51 +279,61 @@ void KvExchangeGuard::plainReadEnded(int status) {
 
 // A message an exchange left half-read is that exchange's (abandon): the
 // next resynchronisation drops it.  Any other message in progress is a
-// plain reader's.
+// plain reader's.  It goes to the front of the FIFO: it is older than
+// anything still on the channel.
 int KvExchangeGuard::setAside(pKvTcpInfo intf) {
   sHiSPLIP_Header* in = &intf->hislipInHdr;
   if (in->msg == 0 || x_->abandon) return VI_SUCCESS;
   if (x_->heldCurrent) {  // still in memory: only its place changes
-    x_->heldHdr = *in;
+    x_->held[0].hdr = *in;
     x_->heldCurrent = false;
     in->msg = 0;
     return VI_SUCCESS;
   }
-  uint32_t n = in->dataLen;
-  char* rest = n <= kHeldMax ? (char*)malloc(n ? n : 1) : nullptr;
-  bool ok = rest && readExact(intf->S_Core, rest, n, util_timer_ms() + kResyncMs);
-  if (!ok) {
-    free(rest);
+  // A plain read starts from the FIFO while it holds anything, so a message
+  // begun on the channel means the FIFO is empty here.
+  if (x_->heldCount > 0 || !holdFromWire(x_, intf->S_Core, *in, util_timer_ms() + kResyncMs)) {
     KVTCP_LOG("rest of a message in progress did not come, session given up");
     kvtcp_Disconnect(intf);
     reset();
     return VI_ERROR_CONN_LOST;
   }
-  x_->held = rest;
-  x_->heldLen = n;
-  x_->heldPos = 0;
-  x_->heldHdr = *in;
   in->msg = 0;
   return VI_SUCCESS;
 }
 
 void KvExchangeGuard::resumeHeld(pKvTcpInfo intf) {
-  if (!x_->held || x_->heldCurrent || !outermost() || intf->hislipInHdr.msg != 0) return;
-  intf->hislipInHdr = x_->heldHdr;
+  if (!x_->heldCount || x_->heldCurrent || !outermost() || intf->hislipInHdr.msg != 0) return;
+  intf->hislipInHdr = x_->held[0].hdr;
   x_->heldCurrent = true;
 }
 
 void KvExchangeGuard::forgetHeld() { dropHeld(x_); }
 
-int kvtcp_TakeHeld(pKvTcpInfo intf, char* buf, int n) {
+void KvExchangeGuard::commandSent() { x_->awaiting = true; }
+
+int kvtcp_TakeBytes(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int len, bool queued, int* n) {
   KvExchange* x = exchangeOf(intf);
-  if (!x->heldCurrent) return -1;
-  uint32_t avail = x->heldLen - x->heldPos;
-  uint32_t take = n < 0 ? 0 : ((uint32_t)n < avail ? (uint32_t)n : avail);
-  memcpy(buf, x->held + x->heldPos, take);
-  x->heldPos += take;
-  if (x->heldPos == x->heldLen) dropHeld(x);
-  return (int)take;
+  if (!x->heldCurrent)
+    return queued ? recvMinQueued(intf->S_Core, timeout, buf, len, len, n)
+                  : recvMin(intf->S_Core, timeout, buf, len, len, n);
+  KvExchange::Held& h = x->held[0];
+  uint32_t avail = h.len - h.pos;
+  uint32_t take = len < 0 ? 0 : ((uint32_t)len < avail ? (uint32_t)len : avail);
+  memcpy(buf, h.bytes + h.pos, take);
+  h.pos += take;
+  if (h.pos == h.len) popHeld(x);
+  *n = (int)take;
+  return VI_SUCCESS;
+}
+
+int kvtcp_AnswerHeader(pKvTcpInfo intf, const sHiSPLIP_Header* h) {
+  KvExchange* x = exchangeOf(intf);
+  if (!x->awaiting || !isPlain(*h)) {
+    x->awaiting = false;
+    return 0;
+  }
+  return holdFromWire(x, intf->S_Core, *h, util_timer_ms() + kResyncMs) ? 1 : -1;
 }
 
 // Grows to the largest size asked for and stays there: a connection that

@@ -543,7 +543,10 @@ int sendCommand(pKvTcpInfo intf, const char* head, int headLen, const char* data
     if (st < 0) return st;
   }
   st = hislip_SendParts(intf->S_Core, &h, head, headLen, data, dataLen, &x);
-  if (st < 0) x.sendFailed();
+  if (st < 0)
+    x.sendFailed();
+  else
+    x.commandSent();
   if (st < 0 || !(flags & KVTCP_FLAG_KEEP)) ReleaseIntfLock(intf);
   return st;
 }
@@ -627,18 +630,6 @@ int kvtcp_hislip_Write(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int count, 
 // of the message in progress (type 0: none), its dataLen what is still unread.
 namespace {
 
-// Bytes of the message in progress: from memory when a bridge command set
-// its rest aside, else from the channel (queued: most likely there already).
-int takeBytes(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int len, bool queued, int* n) {
-  int held = kvtcp_TakeHeld(intf, buf, len);
-  if (held >= 0) {
-    *n = held;
-    return VI_SUCCESS;
-  }
-  return queued ? recvMinQueued(intf->S_Core, timeout, buf, len, len, n)
-                : recvMin(intf->S_Core, timeout, buf, len, len, n);
-}
-
 // The header of the next message, unless one is in progress already.
 int beginMessage(pKvTcpInfo intf, ViUInt32 timeout, ViUInt16 flags) {
   sHiSPLIP_Header* in = &intf->hislipInHdr;
@@ -647,11 +638,21 @@ int beginMessage(pKvTcpInfo intf, ViUInt32 timeout, ViUInt16 flags) {
     int st = WaitIntfLock(intf);
     if (st < 0) return st;
   }
-  int st = hislip_Query(intf->S_Core, timeout, nullptr, 0, nullptr, in);
-  if (st < 0) {
+  int st, late;
+  do {
+    st = hislip_Query(intf->S_Core, timeout, nullptr, 0, nullptr, in);
+    if (st < 0) {
+      in->msg = 0;
+      ReleaseIntfLock(intf);
+      return st;
+    }
+    late = kvtcp_AnswerHeader(intf, in);  // 1: an instrument's late answer, held
+  } while (late > 0);
+  if (late < 0) {
+    kvtcp_syncLeft.state = KvSyncLeft::kLost;
     in->msg = 0;
     ReleaseIntfLock(intf);
-    return st;
+    return VI_ERROR_CONN_LOST;
   }
   if (in->msg != HISLIP_Data && in->msg != HISLIP_DataEnd && in->msg != HISLIP_VendorSpecific) {
     kvtcp_syncLeft = {KvSyncLeft::kBytes, in->dataLen};
@@ -693,7 +694,7 @@ int kvtcp_hislip_Read(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int count, V
   char last = 0;
   uint32_t left = remaining;  // unread bytes of the message should a read fail
   if (remaining >= (uint32_t)count) {
-    st = takeBytes(intf, timeout, buf, count, true, &n);
+    st = kvtcp_TakeBytes(intf, timeout, buf, count, true, &n);
     left = remaining - (uint32_t)n;
     if (n > 0) {
       lastValid = true;
@@ -704,13 +705,13 @@ int kvtcp_hislip_Read(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int count, V
       // The sender's padding to 32 bits.  As designed, this read's count
       // replaces the one above: the call reports (and consumes) the padding.
       char scratch[4];
-      st = takeBytes(intf, timeout, scratch, (int)pad, false, &n);
+      st = kvtcp_TakeBytes(intf, timeout, scratch, (int)pad, false, &n);
       left = pad - (uint32_t)n;
       lastValid = n > 0;
       if (lastValid) last = scratch[n - 1];
     }
   } else {
-    st = takeBytes(intf, timeout, buf, (int)remaining, true, &n);
+    st = kvtcp_TakeBytes(intf, timeout, buf, (int)remaining, true, &n);
     left = remaining - (uint32_t)n;
     if (n > 0) {
       lastValid = true;

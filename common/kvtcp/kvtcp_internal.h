@@ -129,8 +129,11 @@ class KvExchangeGuard {
   // At the start of a plain read or query: a held message becomes the
   // message in progress again, so plain reads see messages in wire order.
   void resumeHeld(pKvTcpInfo intf);
-  // A device clear abandons the held message with the one in progress.
+  // A device clear abandons the held messages with the one in progress.
   void forgetHeld();
+  // A bridge command went out whole: the next message begun in this
+  // exchange is its answer (see kvtcp_AnswerHeader).
+  void commandSent();
   // A new session (or none): nothing owed.
   void reset();
   // The connection's own scratch buffer, at least n bytes, kept from one
@@ -142,10 +145,17 @@ class KvExchangeGuard {
   KvExchange* x_;
 };
 
-// Bytes of the held message in progress (see setAside) for a read under the
-// connection's guard: up to n copied into buf and their count returned, or -1
-// when the message in progress comes from the channel itself.
-int kvtcp_TakeHeld(pKvTcpInfo intf, char* buf, int n);
+// len bytes of the message in progress, for a read under the connection's
+// guard: from memory when it is a held one (see setAside), else from the
+// channel (queued: most likely there already, taken without a wait first).
+int kvtcp_TakeBytes(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int len, bool queued, int* n);
+
+// For the header h just read (dataLen in host order): 1 when it is a plain
+// message met while a bridge command's answer is awaited (bridge answers are
+// vendor-specific), now held for the plain reader, so that the next header
+// is to be read; 0 when h is the message to read; -1 when a plain message
+// could not be held (the channel's position is lost).
+int kvtcp_AnswerHeader(pKvTcpInfo intf, const sHiSPLIP_Header* h);
 
 // Shuts *s down (if open) without closing it, so that a thread blocked on it
 // wakes up; the descriptor stays valid until it is closed.

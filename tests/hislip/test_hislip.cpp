@@ -198,17 +198,28 @@ TEST(HislipData, LongWriteThenReadsEndAndTerminate) {
   kvtcp_Close(r);
 }
 
-// A bridge command while a plain read is half-way through a message: the
-// command gets its own answer, and the plain reader the rest of its message
-// afterwards.  A rest that never comes costs the session, not the data.
+// A bridge command while a plain read is half-way through a message, or
+// after one gave up before its answer came: the command gets its own
+// answer, the plain reader its message afterwards.  A rest that never comes
+// costs the session, not the data.
 TEST(HislipRead, BridgeCommandSetsAsideAHalfReadMessage) {
+  std::atomic<bool> gaveUp{false};
   Peer peer;
-  peer.run([](Peer& p) {
+  peer.run([&](Peer& p) {
     hs::sendMsg(p.sync, 7, 0, 0x10, "instrument answer\n");
-    for (const char* answer : {"ANS1", "ANS2"}) {
+    for (const char* answer : {"ANS1", "ANS2", "ANS3"}) {
       EXPECT_EQ(128, hs::readMsg(p.sync).type);
+      if (answer[3] == '3') hs::sendMsg(p.sync, 7, 0, 0x14, "late\n");  // just before the command's answer
       hs::sendMsg(p.sync, 128, 0, 0, answer);
     }
+    // A command whose answer comes after it gave up, behind a late plain
+    // answer: the next command's resynchronisation keeps the one, drops the other.
+    EXPECT_EQ(128, hs::readMsg(p.sync).type);
+    EXPECT_TRUE(kt::eventually([&] { return gaveUp.load(); }));
+    hs::sendMsg(p.sync, 7, 0, 0x16, "later\n");
+    hs::sendMsg(p.sync, 128, 0, 0, "OLD4");
+    EXPECT_EQ(128, hs::readMsg(p.sync).type);
+    hs::sendMsg(p.sync, 128, 0, 0, "ANS5");
     kt::sendAllBytes(p.sync, kt::header(7, 0, 0x12, 50) + "cut");  // 47 bytes never come
     EXPECT_EQ(0xFF, hs::readMsg(p.sync).type);                     // no command is sent
   });
@@ -225,6 +236,17 @@ TEST(HislipRead, BridgeCommandSetsAsideAHalfReadMessage) {
   EXPECT_EQ(2, kvtcp_Read(r, 2000, buf, sizeof buf, 0, 0, &n));  // the rest, up to the message end
   got.append(buf, n);
   EXPECT_EQ("instrument answer\n", got);
+  EXPECT_EQ(VI_ERROR_TMO, kvtcp_Read(r, 50, buf, sizeof buf, 0, 0, &n));  // its answer is not there yet
+  EXPECT_EQ(0, kvtcp_kvhislip_Query(r, 2000, cmd, 4, buf, 4, &n));
+  EXPECT_EQ("ANS3", std::string(buf, n));
+  EXPECT_EQ(2, kvtcp_Read(r, 2000, buf, sizeof buf, 0, 0, &n));
+  EXPECT_EQ("late\n", std::string(buf, n));
+  EXPECT_EQ(VI_ERROR_TMO, kvtcp_kvhislip_Query(r, 50, cmd, 4, buf, 4, &n));
+  gaveUp = true;
+  EXPECT_EQ(0, kvtcp_kvhislip_Query(r, 2000, cmd, 4, buf, 4, &n));
+  EXPECT_EQ("ANS5", std::string(buf, n));
+  EXPECT_EQ(2, kvtcp_Read(r, 2000, buf, sizeof buf, 0, 0, &n));
+  EXPECT_EQ("later\n", std::string(buf, n));
   EXPECT_EQ(0, kvtcp_Read(r, 2000, buf, 2, 0, 0, &n));
   EXPECT_EQ(VI_ERROR_CONN_LOST, kvtcp_kvhislip_Query(r, 2000, cmd, 4, buf, 4, &n));
   EXPECT_EQ(0, r->Connected);
