@@ -105,6 +105,7 @@ TEST_F(Vxi11Io, EmptyReadWaitsForOutput) {
 TEST_F(Vxi11Io, DeviceErrorsBecomeIoErrors) {
   for (int proc : {VXI11_WRITE, VXI11_READ, VXI11_READSTB, VXI11_CLEAR}) {
     SCOPED_TRACE(proc);
+    kt::LogCapture rowLog;  // this row's lines only
     vxi11sim::Faults f;
     f.deviceErrorProc = proc;
     f.deviceError = 17;
