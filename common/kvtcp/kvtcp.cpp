@@ -376,7 +376,7 @@ int kvtcp_Read(pKvTcpInfo intf, ViUInt32 timeout, char* buf, int count, ViUInt16
       x.resumeHeld(intf);
       kvtcp_syncLeft = KvSyncLeft();
       st = kvtcp_hislip_Read(intf, timeout, buf, count, flags, eos, retcount);
-      if (x.outermost()) x.plainReadEnded(st);
+      x.plainReadEnded(st);
       return st;
     }
     default: return VI_ERROR_NSUP_OPER;
@@ -401,7 +401,7 @@ int kvtcp_Query(pKvTcpInfo intf, ViUInt32 timeout, char* outbuf, int outcount, c
   int st = kvtcp_Write(intf, timeout, outbuf, outcount, 0x0203, &written);
   if (st < 0) return st;
   st = kvtcp_Read(intf, timeout, inbuf, incount, (ViUInt16)(inflags | KVTCP_FLAG_LOCKED), eos, retcount);
-  if (intf->tcpType == KVTCP_HISLIP && x.outermost()) x.plainReadEnded(st);
+  if (intf->tcpType == KVTCP_HISLIP) x.plainReadEnded(st);
   return st;
 }
 

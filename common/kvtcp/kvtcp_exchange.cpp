@@ -274,7 +274,7 @@ void KvExchangeGuard::sendFailed() { x_->lost = true; }
 // next read would take it for a header.  A broken header is left as it is:
 // the read already reported the lost connection, and the host reopens.
 void KvExchangeGuard::plainReadEnded(int status) {
-  if (status < 0 && kvtcp_syncLeft.state == KvSyncLeft::kBytes) x_->skip += kvtcp_syncLeft.bytes;
+  if (outermost() && status < 0 && kvtcp_syncLeft.state == KvSyncLeft::kBytes) x_->skip += kvtcp_syncLeft.bytes;
 }
 
 // A message an exchange left half-read is that exchange's (abandon): the

@@ -117,8 +117,9 @@ class KvExchangeGuard {
   void ended(pKvTcpInfo intf, int status);
   // The command itself did not go out whole: the channel's position is lost.
   void sendFailed();
-  // After a plain read (no command of its own): notes the rest of a message
-  // it began and could not finish.
+  // After a plain read or query (outermost guard only; inside another
+  // exchange that exchange accounts): notes the rest of a message it began
+  // and could not finish.
   void plainReadEnded(int status);
   // Before a bridge command goes out: a message that a plain read has begun
   // and not finished (an instrument answer read in pieces) would otherwise be
